@@ -1,0 +1,9 @@
+// Subcommands of the tavro-quenda tool.
+#pragma once
+
+namespace cli {
+
+// Each takes the arguments after its own name and returns the exit status.
+int identity(int argc, char **argv);
+
+} // namespace cli

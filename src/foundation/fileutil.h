@@ -1,0 +1,29 @@
+// File and process helpers shared inside the library.
+#pragma once
+
+#include <cstdio>
+#include <optional>
+#include <string>
+
+namespace tq {
+
+// Size of the buffer a one-line fact is read into.
+constexpr size_t kFactLineSize = 1024;
+
+// The first line of stream as a fact: read with fgets() into a cleared
+// 1024-byte buffer, every CR and LF turned into NUL. nullopt when nothing could
+// be read; an empty first line is an answer (the empty string).
+std::optional<std::string> read_fact_line(FILE *stream);
+
+// read_fact_line() of a file (through the OS gateway).
+std::optional<std::string> read_fact_file(const char *path);
+
+// read_fact_line() of a shell command's output. The command runs only when
+// /usr/sbin/dmidecode may be read and executed: every such command line is a
+// dmidecode pipeline.
+std::optional<std::string> read_dmidecode_fact(const std::string &command);
+
+// Path of the dmidecode program the fact pipelines start with.
+inline constexpr const char kDmidecodePath[] = "/usr/sbin/dmidecode";
+
+} // namespace tq

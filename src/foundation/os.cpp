@@ -1,0 +1,369 @@
+#include "foundation/os.h"
+
+#include <blkid/blkid.h>
+#include <cdio/cdio.h>
+#include <cdio/device.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace tq::os {
+namespace {
+
+struct Hooks {
+    std::string root;
+    std::function<bool(const char *)> is_block;
+    std::function<int(int, unsigned long, void *)> ioctl;
+    std::function<int(struct ifaddrs **)> getifaddrs;
+    std::function<void(struct ifaddrs *)> freeifaddrs;
+    std::function<int(const char *)> whole_disk;
+    std::function<std::optional<std::array<std::string, 3>>()> optical_drive;
+};
+
+Hooks &hooks()
+{
+    static Hooks h;
+    return h;
+}
+
+bool rooted() noexcept { return !hooks().root.empty(); }
+
+// Strips the test root from a host path, in place.
+void strip_root(char *path) noexcept
+{
+    const std::string &root = hooks().root;
+    if (root.empty() || std::strncmp(path, root.c_str(), root.size()) != 0)
+        return;
+    const char *rest = path + root.size();
+    if (*rest == '\0')
+        std::strcpy(path, "/");
+    else if (*rest == '/')
+        std::memmove(path, rest, std::strlen(rest) + 1);
+}
+
+} // namespace
+
+void IfAddrsFree::operator()(struct ifaddrs *list) const noexcept
+{
+    if (hooks().freeifaddrs)
+        hooks().freeifaddrs(list);
+    else
+        ::freeifaddrs(list);
+}
+
+int Pipe::close() noexcept
+{
+    if (!f_)
+        return -1;
+    int status = ::pclose(f_);
+    f_ = nullptr;
+    return status;
+}
+
+HostPath::HostPath(const char *path) noexcept
+{
+    if (!path)
+        return;
+    const std::string &root = hooks().root;
+    if (root.empty() || path[0] != '/') {
+        p_ = path;
+        return;
+    }
+    size_t n = std::strlen(path);
+    if (root.size() + n >= sizeof(buf_)) {
+        errno = ENAMETOOLONG;
+        return;
+    }
+    std::memcpy(buf_, root.data(), root.size());
+    std::memcpy(buf_ + root.size(), path, n + 1);
+    p_ = buf_;
+}
+
+UniqueFD open(const char *path, int flags, mode_t mode) noexcept
+{
+    HostPath p(path);
+    if (!p.c_str())
+        return UniqueFD();
+    return UniqueFD(::open(p.c_str(), flags | O_CLOEXEC, mode));
+}
+
+UniqueFile fopen(const char *path, const char *mode) noexcept
+{
+    HostPath p(path);
+    char m[16];
+    if (!p.c_str() || !mode || std::strlen(mode) + 2 > sizeof(m))
+        return nullptr;
+    std::strcpy(m, mode);
+    std::strcat(m, "e");
+    return UniqueFile(::fopen(p.c_str(), m));
+}
+
+UniqueDir opendir(const char *path) noexcept
+{
+    HostPath p(path);
+    if (!p.c_str())
+        return nullptr;
+    // opendir() uses O_CLOEXEC itself.
+    return UniqueDir(::opendir(p.c_str()));
+}
+
+int access(const char *path, int mode) noexcept
+{
+    HostPath p(path);
+    return p.c_str() ? ::access(p.c_str(), mode) : -1;
+}
+
+int stat(const char *path, struct stat *st) noexcept
+{
+    HostPath p(path);
+    if (!p.c_str())
+        return -1;
+    int r = ::stat(p.c_str(), st);
+    if (r == 0 && rooted() && S_ISREG(st->st_mode) && hooks().is_block) {
+        char resolved[PATH_MAX];
+        if (::realpath(p.c_str(), resolved) && hooks().is_block(resolved))
+            st->st_mode = (st->st_mode & ~S_IFMT) | S_IFBLK;
+    }
+    return r;
+}
+
+int lstat(const char *path, struct stat *st) noexcept
+{
+    HostPath p(path);
+    return p.c_str() ? ::lstat(p.c_str(), st) : -1;
+}
+
+bool realpath(const char *path, char *resolved) noexcept
+{
+    HostPath p(path);
+    if (!p.c_str() || !::realpath(p.c_str(), resolved))
+        return false;
+    strip_root(resolved);
+    return true;
+}
+
+int mkdir(const char *path, mode_t mode) noexcept
+{
+    HostPath p(path);
+    return p.c_str() ? ::mkdir(p.c_str(), mode) : -1;
+}
+
+int unlink(const char *path) noexcept
+{
+    HostPath p(path);
+    return p.c_str() ? ::unlink(p.c_str()) : -1;
+}
+
+int rmdir(const char *path) noexcept
+{
+    HostPath p(path);
+    return p.c_str() ? ::rmdir(p.c_str()) : -1;
+}
+
+bool mkdtemp(char *tmpl) noexcept
+{
+    HostPath p(tmpl);
+    if (!p.c_str())
+        return false;
+    char host[PATH_MAX];
+    std::strcpy(host, p.c_str());
+    if (!::mkdtemp(host))
+        return false;
+    strip_root(host);
+    std::strcpy(tmpl, host);
+    return true;
+}
+
+UniqueFD mkstemp(char *tmpl) noexcept
+{
+    HostPath p(tmpl);
+    if (!p.c_str())
+        return UniqueFD();
+    char host[PATH_MAX];
+    std::strcpy(host, p.c_str());
+    UniqueFD fd(::mkostemp(host, O_CLOEXEC));
+    if (fd) {
+        strip_root(host);
+        std::strcpy(tmpl, host);
+    }
+    return fd;
+}
+
+std::string host_path(std::string_view path)
+{
+    if (rooted() && !path.empty() && path.front() == '/')
+        return hooks().root + std::string(path);
+    return std::string(path);
+}
+
+std::string shell_quote(std::string_view text)
+{
+    std::string out = "'";
+    for (char c : text) {
+        if (c == '\'')
+            out += "'\\''";
+        else
+            out += c;
+    }
+    out += '\'';
+    return out;
+}
+
+std::string path_arg(std::string_view path) { return shell_quote(host_path(path)); }
+
+Pipe popen(const std::string &command) noexcept
+{
+    try {
+        std::string line = command;
+        if (!line.empty() && line.front() == '/')
+            line = host_path(line);
+        return Pipe(::popen(line.c_str(), "re"));
+    } catch (...) {
+        return Pipe();
+    }
+}
+
+int system(const std::string &command) noexcept
+{
+    try {
+        std::string line = command;
+        if (!line.empty() && line.front() == '/')
+            line = host_path(line);
+        return ::system(line.c_str());
+    } catch (...) {
+        return -1;
+    }
+}
+
+Child spawn(const char *const argv[], const char **failed_step) noexcept
+{
+    Child child;
+    HostPath program(argv[0]);
+    int fds[2];
+    if (!program.c_str() || ::pipe2(fds, O_CLOEXEC) != 0) {
+        if (failed_step)
+            *failed_step = "pipe";
+        return child;
+    }
+    UniqueFD read_end(fds[0]), write_end(fds[1]);
+    pid_t pid = ::fork();
+    if (pid < 0) {
+        if (failed_step)
+            *failed_step = "fork";
+        return child;
+    }
+    if (pid == 0) {
+        // Only async-signal-safe calls from here on.
+        int null_fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+        if (null_fd >= 0)
+            ::dup2(null_fd, STDIN_FILENO);
+        ::dup2(write_end.get(), STDOUT_FILENO);
+        char *const empty_env[] = {nullptr};
+        ::execve(program.c_str(), const_cast<char *const *>(argv), empty_env);
+        ::perror("execve");
+        ::_exit(127);
+    }
+    child.pid = pid;
+    child.out = std::move(read_end);
+    return child;
+}
+
+int wait_child(pid_t pid) noexcept
+{
+    int status = 0;
+    while (::waitpid(pid, &status, 0) < 0) {
+        if (errno != EINTR)
+            return -1;
+    }
+    return status;
+}
+
+UniqueFD socket(int domain, int type, int protocol) noexcept
+{
+    return UniqueFD(::socket(domain, type | SOCK_CLOEXEC, protocol));
+}
+
+int ioctl(int fd, unsigned long request, void *arg) noexcept
+{
+    if (hooks().ioctl)
+        return hooks().ioctl(fd, request, arg);
+    return ::ioctl(fd, request, arg);
+}
+
+int getifaddrs(UniqueIfAddrs *list) noexcept
+{
+    struct ifaddrs *head = nullptr;
+    int r = hooks().getifaddrs ? hooks().getifaddrs(&head) : ::getifaddrs(&head);
+    if (r != 0)
+        return -1;
+    list->reset(head);
+    return 0;
+}
+
+int probe_is_whole_disk(const char *path) noexcept
+{
+    if (!path)
+        return 0;
+    if (hooks().whole_disk)
+        return hooks().whole_disk(path);
+    HostPath p(path);
+    if (!p.c_str())
+        return 0;
+    blkid_probe probe = blkid_new_probe_from_filename(p.c_str());
+    if (!probe)
+        return 0;
+    int whole = blkid_probe_is_wholedisk(probe);
+    blkid_free_probe(probe);
+    return whole;
+}
+
+std::optional<std::array<std::string, 3>> optical_drive_hwinfo()
+{
+    if (hooks().optical_drive)
+        return hooks().optical_drive();
+    if (rooted())
+        return std::nullopt;
+    // DRIVER_DEVICE selects the default local drive in this libcdio.
+    CdIo_t *cdio = cdio_open(nullptr, DRIVER_DEVICE);
+    if (!cdio)
+        return std::nullopt;
+    cdio_hwinfo_t info{};
+    bool ok = cdio_get_hwinfo(cdio, &info);
+    cdio_destroy(cdio);
+    if (!ok)
+        return std::nullopt;
+    return std::array<std::string, 3>{info.psz_vendor, info.psz_model, info.psz_revision};
+}
+
+} // namespace tq::os
+
+namespace tq::os::testing {
+
+void set_root(std::string root)
+{
+    while (root.size() > 1 && root.back() == '/')
+        root.pop_back();
+    hooks().root = std::move(root);
+}
+const std::string &root() { return hooks().root; }
+void set_block_devices(std::function<bool(const char *)> is_block) { hooks().is_block = std::move(is_block); }
+void set_ioctl(std::function<int(int, unsigned long, void *)> fake) { hooks().ioctl = std::move(fake); }
+void set_getifaddrs(std::function<int(struct ifaddrs **)> fake, std::function<void(struct ifaddrs *)> free_fake)
+{
+    hooks().getifaddrs = std::move(fake);
+    hooks().freeifaddrs = std::move(free_fake);
+}
+void set_whole_disk(std::function<int(const char *)> fake) { hooks().whole_disk = std::move(fake); }
+void set_optical_drive(std::function<std::optional<std::array<std::string, 3>>()> fake)
+{
+    hooks().optical_drive = std::move(fake);
+}
+void reset() { hooks() = Hooks{}; }
+
+} // namespace tq::os::testing

@@ -1,0 +1,159 @@
+// The library's one gateway to the operating system.
+//
+// Every read of /proc, /sys, /dev, /etc and /var/log, every helper program and
+// every kernel call the library makes passes through here, so that tests can
+// point the library at a recorded fixture tree and fake the kernel calls
+// (see tq::os::testing below). In the shipped library the root is the real
+// "/" and the kernel calls are the real ones; nothing outside this process's
+// own statically linked test code can change that.
+//
+// Every descriptor opened here is close-on-exec, because the library starts
+// child processes.
+#pragma once
+
+#include <dirent.h>
+#include <ifaddrs.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <array>
+#include <climits>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "foundation/unique_fd.h"
+
+namespace tq::os {
+
+struct FileCloser {
+    void operator()(FILE *f) const noexcept { std::fclose(f); }
+};
+using UniqueFile = std::unique_ptr<FILE, FileCloser>;
+
+struct DirCloser {
+    void operator()(DIR *d) const noexcept { ::closedir(d); }
+};
+using UniqueDir = std::unique_ptr<DIR, DirCloser>;
+
+struct IfAddrsFree {
+    void operator()(struct ifaddrs *list) const noexcept;
+};
+using UniqueIfAddrs = std::unique_ptr<struct ifaddrs, IfAddrsFree>;
+
+// A popen() stream, closed with pclose() (which reaps the shell).
+class Pipe {
+public:
+    Pipe() noexcept = default;
+    explicit Pipe(FILE *f) noexcept : f_(f) {}
+    Pipe(Pipe &&other) noexcept : f_(std::exchange(other.f_, nullptr)) {}
+    Pipe &operator=(Pipe &&other) noexcept
+    {
+        close();
+        f_ = std::exchange(other.f_, nullptr);
+        return *this;
+    }
+    Pipe(const Pipe &) = delete;
+    Pipe &operator=(const Pipe &) = delete;
+    ~Pipe() { close(); }
+
+    FILE *get() const noexcept { return f_; }
+    explicit operator bool() const noexcept { return f_ != nullptr; }
+    // The wait status of the command, or -1.
+    int close() noexcept;
+
+private:
+    FILE *f_ = nullptr;
+};
+
+// A path as the host sees it: the caller's absolute path under the test root,
+// built without allocating (the trace path must not allocate). Relative paths
+// pass unchanged.
+class HostPath {
+public:
+    explicit HostPath(const char *path) noexcept;
+    HostPath(const HostPath &) = delete;
+    HostPath &operator=(const HostPath &) = delete;
+    // Null when path was null or the mapped path would not fit.
+    const char *c_str() const noexcept { return p_; }
+
+private:
+    char buf_[PATH_MAX];
+    const char *p_ = nullptr;
+};
+
+// ---- files and directories -------------------------------------------------
+UniqueFD open(const char *path, int flags, mode_t mode = 0) noexcept;  // adds O_CLOEXEC
+UniqueFile fopen(const char *path, const char *mode) noexcept;         // adds "e"
+UniqueDir opendir(const char *path) noexcept;
+int access(const char *path, int mode) noexcept;
+int stat(const char *path, struct stat *st) noexcept;
+int lstat(const char *path, struct stat *st) noexcept;
+// realpath() into resolved (PATH_MAX bytes); the answer reads as on the real system.
+bool realpath(const char *path, char *resolved) noexcept;
+int mkdir(const char *path, mode_t mode) noexcept;
+int unlink(const char *path) noexcept;
+int rmdir(const char *path) noexcept;
+// mkdtemp()/mkstemp() on a template such as "/tmp/gpgdir-XXXXXX"; the template
+// receives the name as the real system would show it.
+bool mkdtemp(char *tmpl) noexcept;
+UniqueFD mkstemp(char *tmpl) noexcept;
+// A path string for libraries that open paths themselves (GLib, libblkid).
+std::string host_path(std::string_view path);
+
+// ---- helper programs -------------------------------------------------------
+// Single-quotes text for /bin/sh so that no character in it is interpreted.
+std::string shell_quote(std::string_view text);
+// A path argument for a shell command line: host_path, then shell_quote.
+std::string path_arg(std::string_view path);
+// popen(command, "r"). A command line that starts with an absolute program
+// path runs that program under the root; others are found through PATH.
+Pipe popen(const std::string &command) noexcept;
+// system(command); the wait status.
+int system(const std::string &command) noexcept;
+
+// A child started with execve() (no shell, empty environment), its standard
+// output connected to a pipe and its standard input to /dev/null.
+struct Child {
+    pid_t pid = -1;
+    UniqueFD out;
+};
+// argv[0] is the absolute program path. Failure: pid -1 and errno set; "pipe"
+// or "fork" in *failed_step says which step failed.
+Child spawn(const char *const argv[], const char **failed_step = nullptr) noexcept;
+// waitpid() on that child, retrying on EINTR; the wait status or -1.
+int wait_child(pid_t pid) noexcept;
+
+// ---- kernel and device calls -----------------------------------------------
+UniqueFD socket(int domain, int type, int protocol) noexcept;
+int ioctl(int fd, unsigned long request, void *arg) noexcept;
+// getifaddrs(); -1 on failure, else 0 with *list owning the result.
+int getifaddrs(UniqueIfAddrs *list) noexcept;
+// libblkid's whole-disk test; 1, 0, or 0 when the device cannot be probed.
+int probe_is_whole_disk(const char *path) noexcept;
+// Vendor, model and revision of the default optical drive (libcdio).
+std::optional<std::array<std::string, 3>> optical_drive_hwinfo();
+
+} // namespace tq::os
+
+// Seams for the library's own tests. These symbols are hidden in the shared
+// library; only code linked statically with the library objects reaches them.
+namespace tq::os::testing {
+
+// Absolute paths resolve below root ("" is the real system).
+void set_root(std::string root);
+const std::string &root();
+// Regular files under the root for which this answers true stat() as block devices.
+void set_block_devices(std::function<bool(const char *host_path)> is_block);
+void set_ioctl(std::function<int(int fd, unsigned long request, void *arg)> fake);
+void set_getifaddrs(std::function<int(struct ifaddrs **)> fake,
+                    std::function<void(struct ifaddrs *)> free_fake);
+void set_whole_disk(std::function<int(const char *path)> fake);
+void set_optical_drive(std::function<std::optional<std::array<std::string, 3>>()> fake);
+// Back to the real system.
+void reset();
+
+} // namespace tq::os::testing

@@ -1,0 +1,49 @@
+// String helpers shared inside the library.
+#pragma once
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+namespace tq {
+
+// A malloc()ed, NUL-terminated copy for handing across the C boundary;
+// null when memory is short.
+inline char *dup_c(std::string_view text) noexcept
+{
+    char *copy = static_cast<char *>(std::malloc(text.size() + 1));
+    if (!copy)
+        return nullptr;
+    std::memcpy(copy, text.data(), text.size());
+    copy[text.size()] = '\0';
+    return copy;
+}
+
+// Runs body and turns any exception (allocation failure, mostly) into the
+// function's failure result, so that nothing is thrown across the C ABI.
+template <typename Result, typename Body>
+Result guarded(Result failure, Body &&body) noexcept
+{
+    try {
+        return body();
+    } catch (...) {
+        return failure;
+    }
+}
+
+template <typename Body>
+void guarded_void(Body &&body) noexcept
+{
+    try {
+        body();
+    } catch (...) {
+    }
+}
+
+// Owner for a malloc()ed C string.
+struct FreeDeleter {
+    void operator()(void *p) const noexcept { std::free(p); }
+};
+
+} // namespace tq

@@ -1,0 +1,64 @@
+#include "platform/system_uuid.h"
+
+#include <strings.h>
+
+#include "foundation/fileutil.h"
+#include "foundation/strutil.h"
+#include "tavro-quenda.h"
+
+namespace tq {
+namespace {
+
+constexpr const char *kPlaceholderUuids[] = {
+    "12345678-1234-5678-90ab-cddeefaabbcc",
+    "03000200-0400-0500-0006-000700080009",
+    "fefefefe-fefe-fefe-fefe-fefefefefefe",
+    "ffffffff-ffff-ffff-ffff-ffffffffffff",
+};
+
+constexpr char kSysfsUuid[] = "/sys/devices/virtual/dmi/id/product_uuid";
+// grep keeps only lines that hold an 8-4-4-4-12 UUID, dropping dmidecode's comments.
+constexpr char kDmidecodeUuid[] =
+    "/usr/sbin/dmidecode -s system-uuid | grep "
+    "'[0-9a-fA-F]\\{8\\}-[0-9a-fA-F]\\{4\\}-[0-9a-fA-F]\\{4\\}-[0-9a-fA-F]\\{4\\}-[0-9a-fA-F]\\{12\\}'";
+
+std::optional<std::string> unless_placeholder(std::optional<std::string> uuid)
+{
+    if (uuid && is_placeholder_uuid(uuid->c_str()))
+        return std::nullopt;
+    return uuid;
+}
+
+} // namespace
+
+bool is_placeholder_uuid(const char *text) noexcept
+{
+    for (const char *placeholder : kPlaceholderUuids) {
+        if (strcasecmp(text, placeholder) == 0)
+            return true;
+    }
+    return false;
+}
+
+std::optional<std::string> read_uuid_file(const char *path) { return unless_placeholder(read_fact_file(path)); }
+
+std::optional<std::string> read_uuid_dmidecode() { return unless_placeholder(read_dmidecode_fact(kDmidecodeUuid)); }
+
+} // namespace tq
+
+extern "C" {
+
+char *system_uuid(void) noexcept
+{
+    return tq::guarded<char *>(nullptr, [] {
+        // A placeholder in sysfs also leads to dmidecode.
+        std::optional<std::string> uuid = tq::read_uuid_file(tq::kSysfsUuid);
+        if (!uuid)
+            uuid = tq::read_uuid_dmidecode();
+        return uuid ? tq::dup_c(*uuid) : nullptr;
+    });
+}
+
+char *tavro_quenda_get_system_uuid(void) noexcept { return system_uuid(); }
+
+} // extern "C"

@@ -1,0 +1,34 @@
+// Checks that a call left nothing behind: no descriptor, no child process, no
+// temporary file.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+#include <vector>
+
+namespace tqtest {
+
+class LeakCheck {
+public:
+    // Takes a snapshot of this process's descriptors and of the entries of
+    // /tmp whose names begin with one of temp_prefixes.
+    explicit LeakCheck(std::vector<std::string> temp_prefixes = {"gpgdir-", "pubkey_"});
+
+    // Success when nothing new is open, no child process of this process is
+    // left (running or unreaped), and no new matching /tmp entry exists.
+    ::testing::AssertionResult clean() const;
+
+private:
+    std::set<std::string> temp_entries() const;
+
+    std::vector<std::string> prefixes_;
+    std::set<int> fds_;
+    std::set<std::string> temps_;
+};
+
+// The descriptors this process has open.
+std::set<int> open_fds();
+
+} // namespace tqtest
