@@ -1,0 +1,1 @@
+#include "tavro-quenda.h"
