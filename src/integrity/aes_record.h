@@ -1,0 +1,16 @@
+// Internal pieces of the encrypted-record family.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace tq {
+
+// Records hold at most this many bytes: 1,023 characters, their NUL, padding.
+inline constexpr size_t kRecordMax = 1024;
+
+// Writes the encrypted form of text to path (created or truncated); 0 or -1.
+// A text too long for a record leaves the file truncated and empty.
+int32_t write_encrypt_str_to_file(const char *path, const char *text) noexcept;
+
+} // namespace tq
