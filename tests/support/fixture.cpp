@@ -31,6 +31,7 @@ Fixture::Fixture()
     if (!::mkdtemp(tmpl))
         throw std::runtime_error("mkdtemp failed");
     root_ = tmpl;
+    fs::create_directories(root_ + "/var/log"); // as on any real system
     tq::os::testing::set_root(root_);
     tq::os::testing::set_block_devices(
         [this](const char *host_path) { return block_devices_.count(host_path) != 0; });

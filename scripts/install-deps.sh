@@ -1,0 +1,34 @@
+#!/bin/sh
+# Installs the Debian packages that building and testing libtavro-quenda needs,
+# when they are missing. Runs apt-get as root, or through sudo.
+#   --fuzz   also the clang toolchain for the libFuzzer targets
+set -eu
+
+packages="cmake make g++ pkgconf
+libglib2.0-dev libssl-dev libgpgme-dev libcjson-dev libblkid-dev libcdio-dev
+libgtest-dev libgmock-dev libbenchmark-dev
+gnupg openssl coreutils util-linux faketime dmidecode ethtool"
+if [ "${1:-}" = "--fuzz" ]; then
+    packages="$packages clang libclang-rt-14-dev"
+fi
+
+missing=""
+for p in $packages; do
+    if ! dpkg-query -W -f='${Status}\n' "$p" 2>/dev/null | grep -q "ok installed"; then
+        missing="$missing $p"
+    fi
+done
+[ -z "$missing" ] && exit 0
+
+if [ "$(id -u)" -eq 0 ]; then
+    as_root=""
+elif command -v sudo >/dev/null 2>&1; then
+    as_root="sudo"
+else
+    echo "install-deps: need root (or sudo) to install:$missing" >&2
+    exit 1
+fi
+echo "install-deps: installing$missing"
+$as_root apt-get update -qq
+# shellcheck disable=SC2086
+DEBIAN_FRONTEND=noninteractive $as_root apt-get install -y -qq --no-install-recommends $missing
