@@ -1,0 +1,19 @@
+#!/usr/bin/env bash
+# Installs the build into a scratch prefix, compiles consumer.c as C against
+# the installed header through pkg-config, and runs it.
+set -euo pipefail
+build=$1 source=$2 extra_flags=${3:-}
+work=$(mktemp -d /tmp/tq-consumer-XXXXXX)
+trap 'rm -rf "$work"' EXIT
+
+cmake --install "$build" --prefix "$work/prefix" >/dev/null
+pc=$(find "$work/prefix" -name tavro-quenda.pc | head -n 1)
+# The file names the configured prefix; point it at the scratch one.
+sed -i "s|^prefix=.*|prefix=$work/prefix|" "$pc"
+export PKG_CONFIG_PATH
+PKG_CONFIG_PATH=$(dirname "$pc")
+pkg="pkg-config"
+# shellcheck disable=SC2086
+cc -std=c11 -Wall -Wextra -Werror $extra_flags "$source" \
+   $($pkg --cflags tavro-quenda) $($pkg --libs tavro-quenda) -o "$work/consumer"
+LD_LIBRARY_PATH="$($pkg --variable=libdir tavro-quenda)" "$work/consumer"
