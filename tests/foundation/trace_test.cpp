@@ -17,6 +17,22 @@
 #include "leak_check.h"
 #include "tavro-quenda.h"
 
+#if !defined(__SANITIZE_ADDRESS__)
+// Counts this thread's malloc() calls while counting is on (the sanitizers
+// replace malloc themselves, so this runs in the plain build only).
+extern "C" void *__libc_malloc(size_t size);
+namespace {
+thread_local bool counting_mallocs = false;
+thread_local int mallocs = 0;
+} // namespace
+extern "C" void *malloc(size_t size)
+{
+    if (counting_mallocs)
+        ++mallocs;
+    return __libc_malloc(size);
+}
+#endif
+
 namespace {
 
 constexpr char kLog[] = "/var/log/tavro-quenda/libtavro-quenda.log";
@@ -67,6 +83,20 @@ TEST(Trace, PrefixAndLineEndRule)
     ASSERT_EQ(stat(fx.host("/var/log/tavro-quenda").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0755u); // 0777 less the umask
 }
+
+#if !defined(__SANITIZE_ADDRESS__)
+TEST(Trace, WritesWithoutAllocating)
+{
+    tqtest::Fixture fx;
+    quenda_trace("warm up %d", 1); // the time zone is loaded once per process
+    mallocs = 0;
+    counting_mallocs = true;
+    int written = quenda_trace("harddisk_id_nvme_new model = %s, %d%%", "Samsung", 100);
+    counting_mallocs = false;
+    EXPECT_EQ(written, 1);
+    EXPECT_EQ(mallocs, 0);
+}
+#endif
 
 TEST(Trace, LongLinesAreCutTo1022BytesAndAZeroByte)
 {
