@@ -1,0 +1,88 @@
+#include "platform/firmware_facts.h"
+
+#include <optional>
+#include <string>
+
+#include "foundation/fileutil.h"
+#include "foundation/strutil.h"
+#include "tavro-quenda.h"
+
+namespace tq {
+namespace {
+
+constexpr char kSerialFile[] = "/sys/class/dmi/id/product_serial";
+constexpr char kVendorFile[] = "/sys/class/dmi/id/sys_vendor";
+constexpr char kModelFile[] = "/sys/class/dmi/id/product_sku";
+// The fallbacks print only the first word of the Family and Version lines.
+constexpr char kVendorCommand[] = "/usr/sbin/dmidecode -t 1 |grep -i 'Family' |awk '{print $2}'";
+constexpr char kModelCommand[] = "/usr/sbin/dmidecode -t 1 |grep -i 'Version' |awk '{print $2}'";
+
+char *fact_from_file(const char *path) noexcept
+{
+    return guarded<char *>(nullptr, [path]() -> char * {
+        if (!path)
+            return nullptr;
+        std::optional<std::string> line = read_fact_file(path);
+        return line ? dup_c(*line) : nullptr;
+    });
+}
+
+char *fact_from_command(const char *command) noexcept
+{
+    return guarded<char *>(nullptr, [command]() -> char * {
+        if (!command)
+            return nullptr;
+        std::optional<std::string> line = read_dmidecode_fact(command);
+        return line ? dup_c(*line) : nullptr;
+    });
+}
+
+// sysfs first; only a missing answer (not an empty one) leads to dmidecode.
+char *fact(char *(*from_file)(const char *), char *(*from_command)(const char *), const char *path,
+           const char *command) noexcept
+{
+    char *answer = from_file(path);
+    return answer ? answer : from_command(command);
+}
+
+} // namespace
+} // namespace tq
+
+extern "C" {
+
+char *get_machine_info_from_sysfs(const char *path) noexcept { return tq::fact_from_file(path); }
+
+char *get_machine_info_from_dmidecode(const char *command) noexcept { return tq::fact_from_command(command); }
+
+char *get_service_tag_from_sysfs(const char *path) noexcept { return tq::fact_from_file(path); }
+
+char *get_service_tag_from_dmidecode(const char *command) noexcept { return tq::fact_from_command(command); }
+
+char *tavro_quenda_get_service_tag(void) noexcept
+{
+    return tq::fact(get_machine_info_from_sysfs, get_machine_info_from_dmidecode, tq::kSerialFile,
+                    tq::kSerialNumberCommand);
+}
+
+char *tavro_quenda_get_product_serial(void) noexcept
+{
+    char *serial = tq::fact(get_service_tag_from_sysfs, get_service_tag_from_dmidecode, tq::kSerialFile,
+                            tq::kSerialNumberCommand);
+    if (serial)
+        quenda_trace("tavro_quenda_get_product_serial: %s", serial);
+    return serial;
+}
+
+char *tavro_quenda_get_vendor(void) noexcept
+{
+    return tq::fact(get_machine_info_from_sysfs, get_machine_info_from_dmidecode, tq::kVendorFile,
+                    tq::kVendorCommand);
+}
+
+char *tavro_quenda_get_model(void) noexcept
+{
+    return tq::fact(get_machine_info_from_sysfs, get_machine_info_from_dmidecode, tq::kModelFile,
+                    tq::kModelCommand);
+}
+
+} // extern "C"
