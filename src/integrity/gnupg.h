@@ -1,0 +1,64 @@
+// OpenPGP verification and encryption bound to the one compiled-in key:
+// internal pieces behind gpg_verify_cmd, gpg_verify_cmd_cached, gpg_verify and
+// gpg_encrypt.
+#pragma once
+
+#include <gpgme.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace tq {
+
+// The key signed files must be signed with; supplied at build time.
+struct TrustedKey {
+    const unsigned char *data; // 1024 bytes, the first `length` of them valid
+    uint32_t length;
+    const char *fingerprint; // 40 upper-case hex digits
+    const char *key_id;      // its last 16 digits
+    int64_t created;         // seconds since the epoch
+};
+inline constexpr size_t kTrustedKeyCount = 1;
+extern const TrustedKey trusted_key[kTrustedKeyCount];
+
+using Sha256Digest = std::array<unsigned char, 32>;
+
+// One remembered verification of gpg_verify_cmd_cached.
+struct GpgCacheEntry {
+    std::string path; // cut to 4095 characters
+    int64_t mtime = 0;
+    Sha256Digest sha256{};
+    int32_t result = 0;
+    std::string content; // empty: no content was returned
+    int64_t inserted = 0;
+};
+inline constexpr size_t kGpgCacheSize = 10;
+inline constexpr size_t kGpgCachePathMax = 4095;
+
+// SHA-256 of a file's content; false when it cannot be read.
+bool file_sha256_raw(const char *path, Sha256Digest &digest) noexcept;
+// The entry for path whose modification time and digest match the file as it
+// is now, or null.
+const GpgCacheEntry *gpg_cache_lookup(const char *path);
+// Adds an entry, dropping the oldest when all places are taken.
+void gpg_cache_insert(const char *path, int64_t mtime, const Sha256Digest &digest, int32_t result,
+                      const char *content, size_t content_size);
+// Number of entries held (for tests).
+size_t gpg_cache_count() noexcept;
+
+// Imports every trusted key into ctx's keyring; failures are ignored.
+void import_trusted_keys(gpgme_ctx_t ctx) noexcept;
+// Result code of the verification just run in ctx.
+int32_t evaluate_verify_result(gpgme_ctx_t ctx) noexcept;
+// True when every signature was made by a trusted key.
+bool signatures_from_trusted_keys(gpgme_signature_t signatures) noexcept;
+// The signed text of a successful verification (up to 4096 bytes), malloc()ed.
+void read_verified_text(gpgme_data_t text, char **content, size_t *content_len) noexcept;
+// Result code of the encryption just run in ctx.
+int32_t evaluate_encrypt_result(gpgme_ctx_t ctx) noexcept;
+// The armoured message, malloc()ed and terminated.
+void read_armoured_output(gpgme_data_t armoured, char **out, size_t *out_len) noexcept;
+
+} // namespace tq
