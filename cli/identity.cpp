@@ -23,6 +23,13 @@ struct Fact {
 
 const Fact kFacts[] = {
     {"system_uuid", "System UUID", tavro_quenda_get_system_uuid, nullptr},
+    {"max_mac", "Largest permanent MAC", tavro_quenda_get_network_interface_max_mac, nullptr},
+    {"serial_number", "Serial number", tavro_quenda_get_product_serial, nullptr},
+    {"vendor", "Vendor", tavro_quenda_get_vendor, nullptr},
+    {"model", "Model", tavro_quenda_get_model, nullptr},
+    {"kirin_9x0", "Kirin 990/9006C/9A0", nullptr, is_huawei_9x0},
+    {"lenovo", "Lenovo or KaiTian", nullptr, is_lenovo_machine},
+    {"oem_info", "OEM text", tavro_quenda_get_hw_oeminfo, nullptr},
 };
 
 struct FreeDeleter {
