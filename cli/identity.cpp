@@ -22,6 +22,8 @@ struct Fact {
 };
 
 const Fact kFacts[] = {
+    {"system_disk", "System disk", tavro_quenda_get_harddisk_id, nullptr},
+    {"root_device", "Root device", root_device, nullptr},
     {"system_uuid", "System UUID", tavro_quenda_get_system_uuid, nullptr},
     {"max_mac", "Largest permanent MAC", tavro_quenda_get_network_interface_max_mac, nullptr},
     {"serial_number", "Serial number", tavro_quenda_get_product_serial, nullptr},
