@@ -5,5 +5,7 @@ namespace cli {
 
 // Each takes the arguments after its own name and returns the exit status.
 int identity(int argc, char **argv);
+int verify(int argc, char **argv);
+int encrypt(int argc, char **argv);
 
 } // namespace cli

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "commands.h"
+#include "tavro_quenda_trusted_key.h"
 
 namespace {
 
@@ -14,6 +15,8 @@ struct Command {
 
 const Command kCommands[] = {
     {"identity", cli::identity, "identity [--json]   print this machine's identity report"},
+    {"verify", cli::verify, "verify [--gpgme|--cached] FILE   check FILE's OpenPGP signature; print the result and the signed text"},
+    {"encrypt", cli::encrypt, "encrypt             encrypt the text on standard input to the built-in key"},
 };
 
 void usage(FILE *out)
@@ -38,6 +41,8 @@ int main(int argc, char **argv)
     }
     if (std::strcmp(argv[1], "--version") == 0) {
         std::printf("tavro-quenda %s\n", TAVRO_QUENDA_VERSION);
+        std::printf("trusted OpenPGP key: %s%s\n", tq::generated::kTrustedKeyFingerprint,
+                    tq::generated::kTrustedKeyIsDevelopment ? " (development key, for tests only)" : "");
         return 0;
     }
     for (const Command &c : kCommands) {

@@ -523,6 +523,32 @@ TEST_F(Gnupg, EncryptionWithTheClockBeforeTheKeyGives15)
     EXPECT_NE(std::string::npos, tqtest::read_file(log).find("[  PASSED  ] 1 test")) << tqtest::read_file(log);
 }
 
+TEST_F(Gnupg, CommandLineToolVerifiesAndEncrypts)
+{
+    REQUIRE_DEVELOPMENT_KEY();
+    const std::string cli = TQ_CLI;
+    const std::string out = fx_.host("/out");
+    const std::string hello = fx_.host(put("hello file.asc", data("hello-dev.asc")));
+    const std::string other = fx_.host(put("other.asc", data("hello-other.asc")));
+    for (const char *route : {"", "--cached ", "--gpgme "}) {
+        EXPECT_EQ(0, shell(cli + " verify " + route + "'" + hello + "' > '" + out + "'")) << route;
+        EXPECT_EQ("result: 0\nhello\n", tqtest::read_file(out)) << route;
+    }
+    EXPECT_EQ(1, shell(cli + " verify '" + other + "' > '" + out + "'"));
+    EXPECT_EQ("result: 1\n", tqtest::read_file(out));
+    EXPECT_EQ(1, shell(cli + " verify --gpgme '" + other + "' > '" + out + "'"));
+    EXPECT_EQ("result: 14\n", tqtest::read_file(out));
+    EXPECT_EQ(2, shell(cli + " verify 2>/dev/null"));
+
+    EXPECT_EQ(0, shell("echo text | " + cli + " encrypt > '" + out + "'"));
+    EXPECT_EQ(0u, tqtest::read_file(out).rfind("-----BEGIN PGP MESSAGE-----\n", 0));
+    EXPECT_EQ(0, shell(cli + " --version > '" + out + "'"));
+    EXPECT_NE(std::string::npos, tqtest::read_file(out).find(tq::trusted_key[0].fingerprint));
+    // The tool ran in real /tmp: nothing of it may remain.
+    EXPECT_TRUE(no_agent_mentioning(fx_.root()));
+    EXPECT_TRUE(no_agent_mentioning("gpgdir-"));
+}
+
 TEST_F(Gnupg, NoKeyAgentOutlivesManyVerifications)
 {
     REQUIRE_DEVELOPMENT_KEY();
