@@ -110,7 +110,8 @@ std::optional<std::string> pvdisplay_physical_volume(std::string_view report, st
                 slot_vg = group;
         }
     });
-    if (!slot_vg)
+    // A later "PV Name" line may have been empty: no volume to ask about.
+    if (!slot_vg || pv.empty())
         return std::nullopt;
     // Deliberately the last "PV Name" of the whole report, whichever group it is in.
     return pv;

@@ -96,6 +96,7 @@ TEST(LvmReports, VolumeGroupAndPhysicalVolumeFromRealReports)
     // The VG line must follow the PV line directly.
     EXPECT_EQ(opt(tq::pvdisplay_physical_volume("  PV Name /dev/sda2\n  PV Size 1\n  VG Name vg\n", "vg")), "<null>");
     EXPECT_EQ(opt(tq::pvdisplay_physical_volume("  PV Name \n  VG Name vg\n", "vg")), "<null>");
+    EXPECT_EQ(opt(tq::pvdisplay_physical_volume("  PV Name /dev/sda3\n  VG Name vg\n  PV Name \n", "vg")), "<null>");
     // A value with a percent sign is plain text.
     EXPECT_EQ(opt(tq::pvdisplay_physical_volume("PV Name /dev/%s%n\nVG Name vg\n", "vg")), "/dev/%s%n");
     EXPECT_EQ(tq::report_value("  PV Name               /dev/sda2\n", "PV Name"), "/dev/sda2");
