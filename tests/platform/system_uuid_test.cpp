@@ -4,7 +4,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <regex>
 #include <memory>
@@ -12,6 +11,7 @@
 
 #include "fixture.h"
 #include "leak_check.h"
+#include "platform_support.h"
 #include "platform/system_uuid.h"
 #include "tavro-quenda.h"
 
@@ -77,19 +77,6 @@ TEST(SystemUuid, DmidecodeRunsOnlyWhenExecutable)
     EXPECT_TRUE(fx.calls("/usr/sbin/dmidecode").empty());
 }
 
-// The value of the UUID line of a recorded dmidecode report (only the system
-// record, type 1, has one).
-std::string recorded_uuid(const std::string &report_path)
-{
-    std::ifstream in(report_path);
-    for (std::string line; std::getline(in, line);) {
-        size_t at = line.find("UUID: ");
-        if (at != std::string::npos)
-            return line.substr(at + 6);
-    }
-    return "";
-}
-
 TEST(SystemUuid, RecordedReportsOfRealMachines)
 {
     // Hand-checked: real UUIDs come back as recorded, in their own case;
@@ -106,9 +93,10 @@ TEST(SystemUuid, RecordedReportsOfRealMachines)
     for (const auto &entry : std::filesystem::directory_iterator(tqtest::corpus("dmidecode"))) {
         std::string name = entry.path().filename().string();
         SCOPED_TRACE(name);
-        std::string uuid = recorded_uuid(entry.path().string());
+        std::string uuid = tqtest::parse_dmidecode_report(tqtest::read_file(entry.path().string()))
+                               .strings["system-uuid"];
         tqtest::Fixture fx;
-        fx.program("/usr/sbin/dmidecode", uuid + "\n"); // "-s system-uuid" prints the bare value
+        tqtest::fake_dmidecode(fx, entry.path().string());
         std::string got = answer(system_uuid());
         bool well_formed = std::regex_match(uuid, std::regex("[0-9a-fA-F]{8}(-[0-9a-fA-F]{4}){3}-[0-9a-fA-F]{12}"));
         EXPECT_EQ(got, well_formed && !tq::is_placeholder_uuid(uuid.c_str()) ? uuid : "<null>");
