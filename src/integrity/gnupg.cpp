@@ -85,21 +85,24 @@ struct MdCtxFree {
 
 using CString = std::unique_ptr<char, FreeDeleter>;
 
+constexpr char kHomeTemplate[] = "/tmp/gpgdir-XXXXXX";
+
 // A private GnuPG home, removed with everything in it when the owner goes.
+// Taking ownership cannot fail, so a made home is never left behind.
 class TempHome {
 public:
-    explicit TempHome(const char *path) : path_(path) {}
+    explicit TempHome(const char *path) noexcept { std::snprintf(path_, sizeof(path_), "%s", path); }
     TempHome(const TempHome &) = delete;
     TempHome &operator=(const TempHome &) = delete;
     ~TempHome()
     {
-        remove_directory(path_.c_str());
-        quenda_trace("remove_directory: %s", path_.c_str());
+        remove_directory(path_);
+        quenda_trace("remove_directory: %s", path_);
     }
-    const std::string &path() const noexcept { return path_; }
+    const char *path() const noexcept { return path_; }
 
 private:
-    std::string path_;
+    char path_[sizeof(kHomeTemplate)];
 };
 
 // A temporary file, unlinked when the owner goes.
@@ -136,10 +139,12 @@ bool write_all(int fd, const void *data, size_t size) noexcept
 
 // gpg starts a key agent for an import when none runs for the home, and that
 // agent would outlive the throw-away home. Our homes never need one.
-bool disable_agent_autostart(const std::string &home)
+bool disable_agent_autostart(const char *home) noexcept
 {
     static constexpr char kConf[] = "no-autostart\n";
-    UniqueFD fd = os::open((home + "/gpg.conf").c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
+    char conf[sizeof(kHomeTemplate) + sizeof("/gpg.conf")];
+    std::snprintf(conf, sizeof(conf), "%s/gpg.conf", home);
+    UniqueFD fd = os::open(conf, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
     return fd && write_all(fd.get(), kConf, sizeof(kConf) - 1);
 }
 
@@ -245,7 +250,8 @@ int32_t verify_cmd(const char *path, char **content, size_t *content_len)
 {
     if (!path)
         return kVerifyFailed;
-    char dir[] = "/tmp/gpgdir-XXXXXX";
+    char dir[sizeof(kHomeTemplate)];
+    std::memcpy(dir, kHomeTemplate, sizeof(dir));
     if (!os::mkdtemp(dir)) {
         quenda_trace("gpg_verify, create tmp dir failed");
         return kNoPrivateHome;
@@ -333,7 +339,8 @@ int32_t verify_gpgme(const char *path, char **content, size_t *content_len)
 {
     // GNUPGHOME points at a private home for the rest of the process: GPGME's
     // gpg reads it from the environment.
-    char dir[] = "/tmp/gpgdir-XXXXXX";
+    char dir[sizeof(kHomeTemplate)];
+    std::memcpy(dir, kHomeTemplate, sizeof(dir));
     std::optional<TempHome> home;
     bool own_home_ready = false;
     if (os::mkdtemp(dir)) {

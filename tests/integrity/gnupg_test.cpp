@@ -447,6 +447,22 @@ TEST_F(Gnupg, GpgmeVerifierClassifiesEveryOutcome)
     EXPECT_EQ(nullptr, content);
 }
 
+TEST_F(Gnupg, GpgmeVerifierWithoutAPrivateHomeUsesTheCurrentOne)
+{
+    REQUIRE_DEVELOPMENT_KEY();
+    const std::string path = put("hello.asc", data("hello-dev.asc"));
+    fs::remove(fx_.host("/tmp"));
+    char *content = nullptr;
+    size_t len = 0;
+    EXPECT_EQ(0, gpg_verify(path.c_str(), &content, &len));
+    CString owned(content);
+    EXPECT_EQ("hello\n", std::string(content, len));
+    EXPECT_NE(std::string::npos, fx_.trace_log().find("gpg_verify, create tmp dir failed"));
+    EXPECT_EQ(fx_.host("/home/gnupg"), ::getenv("GNUPGHOME"));
+    EXPECT_TRUE(fs::exists(fx_.host("/home/gnupg/pubring.kbx")));
+    fx_.mkdir("/tmp");
+}
+
 TEST(GnupgResults, UnsignedAndUntrustedSignaturesAreTold)
 {
     gpgme_check_version(nullptr);
