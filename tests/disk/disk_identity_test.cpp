@@ -9,19 +9,12 @@
 #include "foundation/strutil.h"
 #include "support/fixture.h"
 #include "support/leak_check.h"
+#include "support/results.h"
 #include "tavro-quenda.h"
 
 namespace {
 
-using CString = std::unique_ptr<char, tq::FreeDeleter>;
-
-std::string identity()
-{
-    CString id(tavro_quenda_get_harddisk_id());
-    return id ? std::string(id.get()) : std::string("<null>");
-}
-
-bool contains(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
+std::string identity() { return tqtest::take(tavro_quenda_get_harddisk_id()); }
 
 std::string corpus(const std::string &name) { return tqtest::read_file(tqtest::corpus(name)); }
 
@@ -34,7 +27,7 @@ TEST(SystemDisk, SataPartitionByAtaIdentify)
     disktest::fake_ata_identity("/dev/sda2", "WDC WD10EZEX-08WN4A0", "WD-WCC6Y1234567");
     fx.program("/usr/sbin/smartctl", "Device Model: other\nSerial Number: other\n");
     EXPECT_EQ(identity(), "WDCWD10EZEX-08WN4A0_WD-WCC6Y1234567");
-    EXPECT_TRUE(contains(fx.trace_log(), "tavro_quenda_get_harddisk_id: WDCWD10EZEX-08WN4A0_WD-WCC6Y1234567"));
+    EXPECT_TRUE(tqtest::contains(fx.trace_log(), "tavro_quenda_get_harddisk_id: WDCWD10EZEX-08WN4A0_WD-WCC6Y1234567"));
     // The first answer stands: smartctl is never asked.
     EXPECT_TRUE(fx.calls("/usr/sbin/smartctl").empty());
     EXPECT_TRUE(leaks.clean());
@@ -62,7 +55,7 @@ TEST(SystemDisk, ByUuidRootFallsThroughToSmartctl)
     disktest::fake_ata_identity("/nothing", "", "");
     fx.program("/usr/sbin/smartctl", corpus("smartctl/usb-sat-asmedia-asmt106x-bridge-name-as-model.txt"));
     EXPECT_EQ(identity(), "ASMT106x_V0Safe_--");
-    EXPECT_TRUE(contains(fx.trace_log(), "device :/dev/0a1b-2c3d"));
+    EXPECT_TRUE(tqtest::contains(fx.trace_log(), "device :/dev/0a1b-2c3d"));
     EXPECT_EQ(fx.calls("/usr/sbin/smartctl"), std::vector<std::string>{"-i " + fx.host("/dev/sda1")});
     EXPECT_TRUE(leaks.clean());
 }
@@ -78,7 +71,7 @@ TEST(SystemDisk, DeviceMapperOnAWholeDiskAnswersTheNodePath)
     fx.program("/usr/sbin/dmsetup", " 1 dependencies  : (sda)\n");
     tq::os::testing::set_whole_disk([](const char *path) { return std::string(path) == "/dev/sda" ? 1 : 0; });
     EXPECT_EQ(identity(), "/dev/sda");
-    EXPECT_TRUE(contains(fx.trace_log(), "tavro_quenda_get_harddisk_id: /dev/sda"));
+    EXPECT_TRUE(tqtest::contains(fx.trace_log(), "tavro_quenda_get_harddisk_id: /dev/sda"));
     EXPECT_TRUE(leaks.clean());
 }
 
@@ -109,8 +102,8 @@ TEST(SystemDisk, LogicalVolumeOverAPartition)
     EXPECT_EQ(identity(), "OOS12000G_00008AXB");
     // The device-mapper route found a partition and fell to the ATA reader,
     // which opened /dev/<mapping name>.
-    EXPECT_TRUE(contains(fx.trace_log(), "physicalDiskNode: /dev/sda2"));
-    EXPECT_TRUE(contains(fx.trace_log(), "device :/dev/centos-root"));
+    EXPECT_TRUE(tqtest::contains(fx.trace_log(), "physicalDiskNode: /dev/sda2"));
+    EXPECT_TRUE(tqtest::contains(fx.trace_log(), "device :/dev/centos-root"));
     EXPECT_EQ(fx.calls("/usr/sbin/smartctl"),
               (std::vector<std::string>{"-i " + fx.host("/dev/dm-0"), "-i " + fx.host("/dev/sda2")}));
     EXPECT_EQ(fx.calls("/bin/lsblk"), std::vector<std::string>{"-n -o TYPE " + fx.host("/dev/mapper/centos-root")});
@@ -138,7 +131,7 @@ TEST(SystemDisk, NothingFound)
     fx.write("/proc/mounts", "rootfs / rootfs rw 0 0\n");
     fx.write("/proc/cmdline", "root=PARTUUID=0001-02\n");
     EXPECT_EQ(identity(), "<null>");
-    EXPECT_FALSE(contains(fx.trace_log(), "tavro_quenda_get_harddisk_id"));
+    EXPECT_FALSE(tqtest::contains(fx.trace_log(), "tavro_quenda_get_harddisk_id"));
 
     // A root device that no route can identify: a virtio disk without
     // smartctl, and lsblk calls it a plain disk.
@@ -149,7 +142,7 @@ TEST(SystemDisk, NothingFound)
     // With no lsblk answer the LVM route is tried, and finds no LVM tools.
     fx.program("/bin/lsblk", "");
     EXPECT_EQ(identity(), "<null>");
-    EXPECT_FALSE(contains(fx.trace_log(), "tavro_quenda_get_harddisk_id"));
+    EXPECT_FALSE(tqtest::contains(fx.trace_log(), "tavro_quenda_get_harddisk_id"));
     EXPECT_TRUE(leaks.clean());
 }
 

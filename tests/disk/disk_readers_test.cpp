@@ -12,21 +12,10 @@
 #include "foundation/strutil.h"
 #include "support/fixture.h"
 #include "support/leak_check.h"
+#include "support/results.h"
 #include "tavro-quenda.h"
 
 namespace {
-
-using CString = std::unique_ptr<char, tq::FreeDeleter>;
-
-std::string text_of(char *owned)
-{
-    CString holder(owned);
-    return holder ? std::string(holder.get()) : std::string("<null>");
-}
-
-std::string opt(const std::optional<std::string> &text) { return text ? *text : "<null>"; }
-
-bool contains(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
 
 TEST(AtaIdentity, KeepsOnlyGraphicBytesOfTheIdentifyBlock)
 {
@@ -35,27 +24,27 @@ TEST(AtaIdentity, KeepsOnlyGraphicBytesOfTheIdentifyBlock)
     fx.block_device("/dev/sda");
     fx.block_device("/dev/sda2");
     disktest::fake_ata_identity("/dev/sda2", "WDC WD10EZEX-08WN4A0", "     WD-WCC6Y1234567");
-    EXPECT_EQ(text_of(harddisk_id("/dev/sda2")), "WDCWD10EZEX-08WN4A0_WD-WCC6Y1234567");
-    EXPECT_TRUE(contains(fx.trace_log(), "device :/dev/sda2"));
+    EXPECT_EQ(tqtest::take(harddisk_id("/dev/sda2")), "WDCWD10EZEX-08WN4A0_WD-WCC6Y1234567");
+    EXPECT_TRUE(tqtest::contains(fx.trace_log(), "device :/dev/sda2"));
 
     // The drive that does not answer the ioctl.
-    EXPECT_EQ(text_of(harddisk_id("/dev/sda")), "<null>");
-    EXPECT_TRUE(contains(fx.trace_log(), "ioctl(fd, HDIO_GET_IDENTITY, &id), return"));
+    EXPECT_EQ(tqtest::take(harddisk_id("/dev/sda")), "<null>");
+    EXPECT_TRUE(tqtest::contains(fx.trace_log(), "ioctl(fd, HDIO_GET_IDENTITY, &id), return"));
 
     // A by-uuid link resolves to a block device, but the reader opens
     // /dev/<uuid>, which does not exist.
     fx.symlink("../../sda2", "/dev/disk/by-uuid/1234-ABCD");
-    EXPECT_EQ(text_of(harddisk_id("/dev/disk/by-uuid/1234-ABCD")), "<null>");
-    EXPECT_TRUE(contains(fx.trace_log(), "device :/dev/1234-ABCD"));
-    EXPECT_TRUE(contains(fx.trace_log(), "fd < 0, return"));
+    EXPECT_EQ(tqtest::take(harddisk_id("/dev/disk/by-uuid/1234-ABCD")), "<null>");
+    EXPECT_TRUE(tqtest::contains(fx.trace_log(), "device :/dev/1234-ABCD"));
+    EXPECT_TRUE(tqtest::contains(fx.trace_log(), "fd < 0, return"));
 
     // Blank halves still answer the separator; not a block device answers nothing.
     disktest::fake_ata_identity("/dev/sda2", "", "");
-    EXPECT_EQ(opt(tq::harddisk_id_ata_identity("/dev/sda2")), "_");
+    EXPECT_EQ(tqtest::or_null(tq::harddisk_id_ata_identity("/dev/sda2")), "_");
     fx.write("/dev/sdq", "");
-    EXPECT_EQ(text_of(harddisk_id("/dev/sdq")), "<null>");
-    EXPECT_EQ(text_of(harddisk_id("/dev/missing")), "<null>");
-    EXPECT_EQ(text_of(harddisk_id(nullptr)), "<null>");
+    EXPECT_EQ(tqtest::take(harddisk_id("/dev/sdq")), "<null>");
+    EXPECT_EQ(tqtest::take(harddisk_id("/dev/missing")), "<null>");
+    EXPECT_EQ(tqtest::take(harddisk_id(nullptr)), "<null>");
     EXPECT_TRUE(leaks.clean());
 }
 
@@ -77,24 +66,24 @@ TEST(NvmeSysfs, ReadsModelAndSerialOfTheDiskOfThePartition)
     fx.block_device("/dev/nvme0n1p2");
     fx.write("/sys/block/nvme0n1/device/model", "Samsung SSD 980 1TB                     \n");
     fx.write("/sys/block/nvme0n1/device/serial", "     S64ANS0T123456      \n");
-    EXPECT_EQ(text_of(harddisk_id("/dev/nvme0n1p2")), "Samsung-SSD-980-1TB_S64ANS0T123456");
+    EXPECT_EQ(tqtest::take(harddisk_id("/dev/nvme0n1p2")), "Samsung-SSD-980-1TB_S64ANS0T123456");
 
     // Percent signs are plain text.
     fx.write("/sys/block/nvme0n1/device/serial", "%s%n%x\n");
-    EXPECT_EQ(opt(tq::harddisk_id_sysfs("nvme0n1p2")), "Samsung-SSD-980-1TB_%s%n%x");
+    EXPECT_EQ(tqtest::or_null(tq::harddisk_id_sysfs("nvme0n1p2")), "Samsung-SSD-980-1TB_%s%n%x");
 
     // An empty serial file, a missing one, and no matching disk.
     fx.write("/sys/block/nvme0n1/device/serial", "");
-    EXPECT_EQ(opt(tq::harddisk_id_sysfs("nvme0n1p2")), "<null>");
+    EXPECT_EQ(tqtest::or_null(tq::harddisk_id_sysfs("nvme0n1p2")), "<null>");
     std::filesystem::remove(fx.host("/sys/block/nvme0n1/device/serial"));
-    EXPECT_EQ(opt(tq::harddisk_id_sysfs("nvme0n1p2")), "<null>");
-    EXPECT_EQ(opt(tq::harddisk_id_sysfs("sdb")), "<null>");
-    EXPECT_EQ(opt(tq::read_sysfs_block_attribute("", "model", 1024)), "<null>");
-    EXPECT_EQ(opt(tq::read_sysfs_block_attribute("nvme0n1", "", 1024)), "<null>");
+    EXPECT_EQ(tqtest::or_null(tq::harddisk_id_sysfs("nvme0n1p2")), "<null>");
+    EXPECT_EQ(tqtest::or_null(tq::harddisk_id_sysfs("sdb")), "<null>");
+    EXPECT_EQ(tqtest::or_null(tq::read_sysfs_block_attribute("", "model", 1024)), "<null>");
+    EXPECT_EQ(tqtest::or_null(tq::read_sysfs_block_attribute("nvme0n1", "", 1024)), "<null>");
 
     std::filesystem::remove_all(fx.host("/sys/block"));
-    EXPECT_EQ(opt(tq::harddisk_id_sysfs("nvme0n1p2")), "<null>");
-    EXPECT_TRUE(contains(fx.trace_log(), "(!dp) return"));
+    EXPECT_EQ(tqtest::or_null(tq::harddisk_id_sysfs("nvme0n1p2")), "<null>");
+    EXPECT_TRUE(tqtest::contains(fx.trace_log(), "(!dp) return"));
     EXPECT_TRUE(leaks.clean());
 }
 
@@ -107,40 +96,40 @@ TEST(Lsblk, FindsTheTopLevelDeviceByBaseName)
                              R"({"name":"/dev/sdb","serial":null,"model":"X"},)"
                              R"({"name":"/dev/sdc","serial":"1","model":7},)"
                              R"({"name":"/dev/sdd","serial":"100%s","model":"%n"}]})";
-    EXPECT_EQ(opt(tq::lsblk_identity_from_json(json, "sda")), "Samsung-SSD-860-_S3Z-9NB0K");
-    EXPECT_EQ(opt(tq::lsblk_identity_from_json(json, "sdd")), "%n_100%s");
+    EXPECT_EQ(tqtest::or_null(tq::lsblk_identity_from_json(json, "sda")), "Samsung-SSD-860-_S3Z-9NB0K");
+    EXPECT_EQ(tqtest::or_null(tq::lsblk_identity_from_json(json, "sdd")), "%n_100%s");
     // Partitions (children) are never visited; a null serial is refused.
-    EXPECT_EQ(opt(tq::lsblk_identity_from_json(json, "sdb")), "<null>");
-    EXPECT_EQ(opt(tq::lsblk_identity_from_json(json, "sdc")), "<null>");
-    EXPECT_EQ(opt(tq::lsblk_identity_from_json(json, "sd")), "<null>");
-    EXPECT_EQ(opt(tq::lsblk_identity_from_json("{}", "sda")), "<null>");
-    EXPECT_EQ(opt(tq::lsblk_identity_from_json("not json", "sda")), "<null>");
+    EXPECT_EQ(tqtest::or_null(tq::lsblk_identity_from_json(json, "sdb")), "<null>");
+    EXPECT_EQ(tqtest::or_null(tq::lsblk_identity_from_json(json, "sdc")), "<null>");
+    EXPECT_EQ(tqtest::or_null(tq::lsblk_identity_from_json(json, "sd")), "<null>");
+    EXPECT_EQ(tqtest::or_null(tq::lsblk_identity_from_json("{}", "sda")), "<null>");
+    EXPECT_EQ(tqtest::or_null(tq::lsblk_identity_from_json("not json", "sda")), "<null>");
     std::string log = fx.trace_log();
-    EXPECT_TRUE(contains(log, "current name '/dev/sda', dev_name 'sda'"));
-    EXPECT_TRUE(contains(log, "Serial for device 'sda': S3Z 9NB0K\n"));
-    EXPECT_TRUE(contains(log, "Serial for device 'sdb' is not a string or is NULL.\n"));
-    EXPECT_TRUE(contains(log, "Key 'blockdevices' does not exist.\n"));
-    EXPECT_TRUE(contains(log, "Failed to parse JSON"));
+    EXPECT_TRUE(tqtest::contains(log, "current name '/dev/sda', dev_name 'sda'"));
+    EXPECT_TRUE(tqtest::contains(log, "Serial for device 'sda': S3Z 9NB0K\n"));
+    EXPECT_TRUE(tqtest::contains(log, "Serial for device 'sdb' is not a string or is NULL.\n"));
+    EXPECT_TRUE(tqtest::contains(log, "Key 'blockdevices' does not exist.\n"));
+    EXPECT_TRUE(tqtest::contains(log, "Failed to parse JSON"));
 
     // Real lsblk output: the QEMU disk has no serial.
     std::string qemu =
         tqtest::read_file(tqtest::corpus("lsblk/lsblk-OJb-qemu-vm-old-util-linux-one-line-per-device.json"));
-    EXPECT_EQ(opt(tq::lsblk_identity_from_json(qemu, "sda")), "<null>");
-    EXPECT_EQ(opt(tq::lsblk_identity_from_json(qemu, "vdb")), "<null>");
+    EXPECT_EQ(tqtest::or_null(tq::lsblk_identity_from_json(qemu, "sda")), "<null>");
+    EXPECT_EQ(tqtest::or_null(tq::lsblk_identity_from_json(qemu, "vdb")), "<null>");
 
     // Through the program.
     tqtest::LeakCheck leaks;
     fx.program("/usr/bin/lsblk", json);
-    EXPECT_EQ(opt(tq::harddisk_id_lsblk("sda")), "Samsung-SSD-860-_S3Z-9NB0K");
+    EXPECT_EQ(tqtest::or_null(tq::harddisk_id_lsblk("sda")), "Samsung-SSD-860-_S3Z-9NB0K");
     EXPECT_EQ(fx.calls("/usr/bin/lsblk"), std::vector<std::string>{"-Jp -o name,serial,model"});
     std::filesystem::remove(fx.host("/usr/bin/lsblk"));
-    EXPECT_EQ(opt(tq::harddisk_id_lsblk("sda")), "<null>");
+    EXPECT_EQ(tqtest::or_null(tq::harddisk_id_lsblk("sda")), "<null>");
     EXPECT_TRUE(leaks.clean());
 }
 
 TEST(Smartctl, ParsesReportLines)
 {
-    auto id = [](std::string_view report) { return opt(tq::parse_smartctl_identity(report)); };
+    auto id = [](std::string_view report) { return tqtest::or_null(tq::parse_smartctl_identity(report)); };
     EXPECT_EQ(id("Model Family:     Western Digital Blue\nDevice Model:     WDC WD10EZEX-08WN4A0\n"
                   "Serial Number:    ABC 123\n"),
               "WDCWD10EZEX-08WN4A0_ABC123");
@@ -195,7 +184,7 @@ TEST(Smartctl, EveryRealReportThroughTheProgram)
     for (const auto &entry : std::filesystem::directory_iterator(tqtest::corpus("smartctl"))) {
         std::string name = entry.path().filename().string();
         fx.program("/usr/sbin/smartctl", tqtest::read_file(entry.path().string()));
-        std::string got = text_of(harddisk_id_smartctl("/dev/disk/by-id/ata-disk"));
+        std::string got = tqtest::take(harddisk_id_smartctl("/dev/disk/by-id/ata-disk"));
         ++seen;
         auto want = expected.find(name);
         if (want != expected.end()) {
@@ -221,14 +210,14 @@ TEST(Smartctl, NeedsTheProgramAndABlockDevice)
     tqtest::Fixture fx;
     fx.block_device("/dev/sda");
     fx.write("/dev/notblock", "");
-    EXPECT_EQ(text_of(harddisk_id_smartctl("/dev/sda")), "<null>");
+    EXPECT_EQ(tqtest::take(harddisk_id_smartctl("/dev/sda")), "<null>");
     fx.write("/usr/sbin/smartctl", "#!/bin/sh\necho Device Model: X\necho Serial Number: Y\n", 0644);
-    EXPECT_EQ(text_of(harddisk_id_smartctl("/dev/sda")), "<null>");
+    EXPECT_EQ(tqtest::take(harddisk_id_smartctl("/dev/sda")), "<null>");
     fx.program("/usr/sbin/smartctl", "Device Model: X\nSerial Number: Y\n");
-    EXPECT_EQ(text_of(harddisk_id_smartctl("/dev/sda")), "X_Y");
-    EXPECT_EQ(text_of(harddisk_id_smartctl("/dev/notblock")), "<null>");
-    EXPECT_EQ(text_of(harddisk_id_smartctl("/dev/missing")), "<null>");
-    EXPECT_EQ(text_of(harddisk_id_smartctl(nullptr)), "<null>");
+    EXPECT_EQ(tqtest::take(harddisk_id_smartctl("/dev/sda")), "X_Y");
+    EXPECT_EQ(tqtest::take(harddisk_id_smartctl("/dev/notblock")), "<null>");
+    EXPECT_EQ(tqtest::take(harddisk_id_smartctl("/dev/missing")), "<null>");
+    EXPECT_EQ(tqtest::take(harddisk_id_smartctl(nullptr)), "<null>");
     EXPECT_EQ(fx.calls("/usr/sbin/smartctl").size(), 1u);
 }
 
@@ -241,7 +230,7 @@ TEST(Smartctl, ShellCharactersInTheDevicePathStayOneArgument)
     fx.block_device(weird);
     fx.script("/usr/sbin/smartctl", "printf '%s\\n' \"$#\" > '" + fx.host("/argc") +
                                         "'\necho 'Device Model: M'\necho 'Serial Number: S'");
-    EXPECT_EQ(text_of(harddisk_id_smartctl(weird.c_str())), "M_S");
+    EXPECT_EQ(tqtest::take(harddisk_id_smartctl(weird.c_str())), "M_S");
     EXPECT_EQ(fx.read("/argc"), "2\n");
     EXPECT_EQ(fx.calls("/usr/sbin/smartctl"), std::vector<std::string>{"-i " + fx.host(weird)});
     EXPECT_FALSE(std::filesystem::exists(fx.host("/pwned")));
@@ -254,36 +243,36 @@ TEST(NvmeModel, SevenCharactersOfTheModel)
     tqtest::Fixture fx;
     tqtest::LeakCheck leaks;
     fx.write("/sys/block/nvme0n1/device/model", "Samsung SSD 980 1TB\n");
-    EXPECT_EQ(text_of(harddisk_id_nvme_new("nvme0n1")), "Samsung");
-    EXPECT_TRUE(contains(fx.trace_log(), "harddisk_id_nvme_new model = Samsung"));
+    EXPECT_EQ(tqtest::take(harddisk_id_nvme_new("nvme0n1")), "Samsung");
+    EXPECT_TRUE(tqtest::contains(fx.trace_log(), "harddisk_id_nvme_new model = Samsung"));
     fx.write("/sys/block/nvme1n1/device/model", "WD\n");
-    EXPECT_EQ(text_of(harddisk_id_nvme_new("nvme1n1")), "WD\n");
+    EXPECT_EQ(tqtest::take(harddisk_id_nvme_new("nvme1n1")), "WD\n");
 
     // Nothing to read: an empty answer, not a failure.
     testing::internal::CaptureStderr();
-    EXPECT_EQ(text_of(harddisk_id_nvme_new("nvme9n1")), "");
+    EXPECT_EQ(tqtest::take(harddisk_id_nvme_new("nvme9n1")), "");
     const std::string hostile = "x' ; touch '" + fx.host("/pwned") + "' ; '";
-    EXPECT_EQ(text_of(harddisk_id_nvme_new(hostile.c_str())), "");
+    EXPECT_EQ(tqtest::take(harddisk_id_nvme_new(hostile.c_str())), "");
     testing::internal::GetCapturedStderr();
-    EXPECT_TRUE(contains(fx.trace_log(), "harddisk_id_nvme_new model = NULL"));
+    EXPECT_TRUE(tqtest::contains(fx.trace_log(), "harddisk_id_nvme_new model = NULL"));
     EXPECT_FALSE(std::filesystem::exists(fx.host("/pwned")));
-    EXPECT_EQ(text_of(harddisk_id_nvme_new(nullptr)), "<null>");
+    EXPECT_EQ(tqtest::take(harddisk_id_nvme_new(nullptr)), "<null>");
     EXPECT_TRUE(leaks.clean());
 }
 
 TEST(OtherDevices, BootDeviceCidOpticalDriveAndWholeDisk)
 {
     tqtest::Fixture fx;
-    EXPECT_EQ(opt(tq::boot_device_cid()), "<null>");
+    EXPECT_EQ(tqtest::or_null(tq::boot_device_cid()), "<null>");
     fx.write("/proc/bootdevice/cid", "");
-    EXPECT_EQ(opt(tq::boot_device_cid()), "<null>");
+    EXPECT_EQ(tqtest::or_null(tq::boot_device_cid()), "<null>");
     fx.write("/proc/bootdevice/cid", "150100474a4e4e3452112a8a8c9a6b00\r\n");
-    EXPECT_EQ(opt(tq::boot_device_cid()), "150100474a4e4e3452112a8a8c9a6b00");
+    EXPECT_EQ(tqtest::or_null(tq::boot_device_cid()), "150100474a4e4e3452112a8a8c9a6b00");
 
-    EXPECT_EQ(opt(tq::optical_drive_hwinfo()), "<null>");
+    EXPECT_EQ(tqtest::or_null(tq::optical_drive_hwinfo()), "<null>");
     tq::os::testing::set_optical_drive(
         [] { return std::optional<std::array<std::string, 3>>({"HL-DT-ST", "DVDRAM GUD0N", "PF02"}); });
-    EXPECT_EQ(opt(tq::optical_drive_hwinfo()), "HL-DT-ST DVDRAM GUD0N PF02");
+    EXPECT_EQ(tqtest::or_null(tq::optical_drive_hwinfo()), "HL-DT-ST DVDRAM GUD0N PF02");
 
     tq::os::testing::set_whole_disk([](const char *path) { return std::string(path) == "/dev/sda" ? 1 : 0; });
     EXPECT_EQ(tq::is_whole_disk("/dev/sda"), 1);
@@ -308,19 +297,19 @@ TEST(DeviceMapperRoute, WholeDiskNodeNvmePartitionOrOnToTheMappedNode)
 
     // On a whole disk the identity is the disk's node path.
     fx.program("/usr/sbin/dmsetup", " 1 dependencies\t: (sda)\n");
-    EXPECT_EQ(text_of(harddisk_id("/dev/mapper/root")), "/dev/sda");
+    EXPECT_EQ(tqtest::take(harddisk_id("/dev/mapper/root")), "/dev/sda");
     EXPECT_EQ(fx.calls("/usr/sbin/dmsetup"), std::vector<std::string>{"deps -o devname " + fx.host("/dev/dm-0")});
 
     // On an NVMe partition: that disk's sysfs identity.
     fx.program("/usr/sbin/dmsetup", "1 dependencies  : (nvme0n1p3)\n");
-    EXPECT_EQ(text_of(harddisk_id("/dev/mapper/root")), "Samsung-SSD-980-1TB_S64ANS0T123456");
+    EXPECT_EQ(tqtest::take(harddisk_id("/dev/mapper/root")), "Samsung-SSD-980-1TB_S64ANS0T123456");
 
     // On a SATA partition: the ATA reader is asked about /dev/<mapping name>.
     fx.block_device("/dev/sda2");
     fx.program("/usr/sbin/dmsetup", "1 dependencies  : (sda2)\n");
     disktest::fake_ata_identity("/dev/root", "MAPPED", "NAME");
     fx.block_device("/dev/root");
-    EXPECT_EQ(text_of(harddisk_id("/dev/mapper/root")), "MAPPED_NAME");
+    EXPECT_EQ(tqtest::take(harddisk_id("/dev/mapper/root")), "MAPPED_NAME");
     EXPECT_TRUE(leaks.clean());
 }
 

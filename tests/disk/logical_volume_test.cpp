@@ -9,23 +9,12 @@
 #include "foundation/strutil.h"
 #include "support/fixture.h"
 #include "support/leak_check.h"
+#include "support/results.h"
 #include "tavro-quenda.h"
 
 namespace {
 
-using CString = std::unique_ptr<char, tq::FreeDeleter>;
-
-std::string text_of(char *owned)
-{
-    CString holder(owned);
-    return holder ? std::string(holder.get()) : std::string("<null>");
-}
-
-std::string opt(const std::optional<std::string> &text) { return text ? *text : "<null>"; }
-
 std::string corpus_lvm(const char *name) { return tqtest::read_file(tqtest::corpus(std::string("lvm/") + name)); }
-
-bool contains(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
 
 TEST(LogicalVolume, LsblkTypeDecides)
 {
@@ -73,32 +62,32 @@ TEST(LvmReports, VolumeGroupAndPhysicalVolumeFromRealReports)
     EXPECT_EQ(tq::lvdisplay_volume_group("  VG Name   my\tvg  \n"), "my\tvg");
 
     // Two PVs in the group: the last one listed is identified.
-    EXPECT_EQ(opt(tq::pvdisplay_physical_volume(corpus_lvm("pvdisplay-centos-two-pvs-sda2-sdb.txt"), "centos")),
+    EXPECT_EQ(tqtest::or_null(tq::pvdisplay_physical_volume(corpus_lvm("pvdisplay-centos-two-pvs-sda2-sdb.txt"), "centos")),
               "/dev/sdb");
-    EXPECT_EQ(opt(tq::pvdisplay_physical_volume(
+    EXPECT_EQ(tqtest::or_null(tq::pvdisplay_physical_volume(
                   corpus_lvm("pvdisplay-lvm2-2008-two-pvs-gb-units-kbyte-pe-size.txt"), "home")),
               "/dev/sdb3");
-    EXPECT_EQ(opt(tq::pvdisplay_physical_volume(corpus_lvm("pvdisplay-centos7-md126-missing-pv-warning.txt"), "centos")),
+    EXPECT_EQ(tqtest::or_null(tq::pvdisplay_physical_volume(corpus_lvm("pvdisplay-centos7-md126-missing-pv-warning.txt"), "centos")),
               "/dev/md126");
-    EXPECT_EQ(opt(tq::pvdisplay_physical_volume(corpus_lvm("pvdisplay-less-than-sign-in-pv-size.txt"), "dbvg")),
+    EXPECT_EQ(tqtest::or_null(tq::pvdisplay_physical_volume(corpus_lvm("pvdisplay-less-than-sign-in-pv-size.txt"), "dbvg")),
               "/dev/sdb1");
-    EXPECT_EQ(opt(tq::pvdisplay_physical_volume(corpus_lvm("pvdisplay-vg00-abridged-no-uuid-line.txt"), "vg00")),
+    EXPECT_EQ(tqtest::or_null(tq::pvdisplay_physical_volume(corpus_lvm("pvdisplay-vg00-abridged-no-uuid-line.txt"), "vg00")),
               "/dev/sda3");
-    EXPECT_EQ(opt(tq::pvdisplay_physical_volume(corpus_lvm("pvdisplay-vg00-abridged-no-uuid-line.txt"), "centos")),
+    EXPECT_EQ(tqtest::or_null(tq::pvdisplay_physical_volume(corpus_lvm("pvdisplay-vg00-abridged-no-uuid-line.txt"), "centos")),
               "<null>");
-    EXPECT_EQ(opt(tq::pvdisplay_physical_volume(corpus_lvm("pvdisplay-vg00-abridged-no-uuid-line.txt"), "")), "<null>");
+    EXPECT_EQ(tqtest::or_null(tq::pvdisplay_physical_volume(corpus_lvm("pvdisplay-vg00-abridged-no-uuid-line.txt"), "")), "<null>");
 
     // "vg2" begins with "vg" and counts as the same group.
     const std::string two_groups = "  PV Name  /dev/sda2\n  VG Name  vg2\n  PV Name  /dev/sdb1\n  VG Name  other\n";
-    EXPECT_EQ(opt(tq::pvdisplay_physical_volume("  PV Name /dev/sdc1\n  VG Name vg2\n", "vg")), "/dev/sdc1");
+    EXPECT_EQ(tqtest::or_null(tq::pvdisplay_physical_volume("  PV Name /dev/sdc1\n  VG Name vg2\n", "vg")), "/dev/sdc1");
     // Kept on purpose: once the group was seen, the last "PV Name" of the whole report is answered.
-    EXPECT_EQ(opt(tq::pvdisplay_physical_volume(two_groups, "vg")), "/dev/sdb1");
+    EXPECT_EQ(tqtest::or_null(tq::pvdisplay_physical_volume(two_groups, "vg")), "/dev/sdb1");
     // The VG line must follow the PV line directly.
-    EXPECT_EQ(opt(tq::pvdisplay_physical_volume("  PV Name /dev/sda2\n  PV Size 1\n  VG Name vg\n", "vg")), "<null>");
-    EXPECT_EQ(opt(tq::pvdisplay_physical_volume("  PV Name \n  VG Name vg\n", "vg")), "<null>");
-    EXPECT_EQ(opt(tq::pvdisplay_physical_volume("  PV Name /dev/sda3\n  VG Name vg\n  PV Name \n", "vg")), "<null>");
+    EXPECT_EQ(tqtest::or_null(tq::pvdisplay_physical_volume("  PV Name /dev/sda2\n  PV Size 1\n  VG Name vg\n", "vg")), "<null>");
+    EXPECT_EQ(tqtest::or_null(tq::pvdisplay_physical_volume("  PV Name \n  VG Name vg\n", "vg")), "<null>");
+    EXPECT_EQ(tqtest::or_null(tq::pvdisplay_physical_volume("  PV Name /dev/sda3\n  VG Name vg\n  PV Name \n", "vg")), "<null>");
     // A value with a percent sign is plain text.
-    EXPECT_EQ(opt(tq::pvdisplay_physical_volume("PV Name /dev/%s%n\nVG Name vg\n", "vg")), "/dev/%s%n");
+    EXPECT_EQ(tqtest::or_null(tq::pvdisplay_physical_volume("PV Name /dev/%s%n\nVG Name vg\n", "vg")), "/dev/%s%n");
     EXPECT_EQ(tq::report_value("  PV Name               /dev/sda2\n", "PV Name"), "/dev/sda2");
     EXPECT_EQ(tq::report_value("x" + std::string(600, 'y'), "PV Name").size(), 510u);
 }
@@ -113,21 +102,21 @@ TEST(LvmRoute, IdentifiesThePhysicalVolumeBySmartctl)
     fx.program("/sbin/lvdisplay", corpus_lvm("lvdisplay-centos7-swap-root-missing-pv-warning.txt"));
     fx.program("/sbin/pvdisplay", corpus_lvm("pvdisplay-centos-two-pvs-sda2-sdb.txt"));
     fx.program("/usr/sbin/smartctl", "Device Model:     WDC WD10EZEX\nSerial Number:    WD-1%s\n");
-    EXPECT_EQ(text_of(harddisk_id_lvm("/dev/mapper/centos-root")), "WDCWD10EZEX_WD-1%s");
+    EXPECT_EQ(tqtest::take(harddisk_id_lvm("/dev/mapper/centos-root")), "WDCWD10EZEX_WD-1%s");
     EXPECT_EQ(fx.calls("/sbin/lvdisplay"), std::vector<std::string>{fx.host("/dev/mapper/centos-root")});
     EXPECT_EQ(fx.calls("/sbin/pvdisplay"), std::vector<std::string>{""});
     EXPECT_EQ(fx.calls("/usr/sbin/smartctl"), std::vector<std::string>{"-i " + fx.host("/dev/sdb")});
 
     // Another group only; no group at all.
     fx.program("/sbin/pvdisplay", corpus_lvm("pvdisplay-vg00-abridged-no-uuid-line.txt"));
-    EXPECT_EQ(text_of(harddisk_id_lvm("/dev/mapper/centos-root")), "<null>");
+    EXPECT_EQ(tqtest::take(harddisk_id_lvm("/dev/mapper/centos-root")), "<null>");
     fx.program("/sbin/lvdisplay", "");
-    EXPECT_EQ(text_of(harddisk_id_lvm("/dev/mapper/centos-root")), "<null>");
+    EXPECT_EQ(tqtest::take(harddisk_id_lvm("/dev/mapper/centos-root")), "<null>");
     // Not a block device, and without pvdisplay.
-    EXPECT_EQ(text_of(harddisk_id_lvm("/dev/mapper/missing")), "<null>");
+    EXPECT_EQ(tqtest::take(harddisk_id_lvm("/dev/mapper/missing")), "<null>");
     std::filesystem::remove(fx.host("/sbin/pvdisplay"));
-    EXPECT_EQ(text_of(harddisk_id_lvm("/dev/mapper/centos-root")), "<null>");
-    EXPECT_EQ(text_of(harddisk_id_lvm(nullptr)), "<null>");
+    EXPECT_EQ(tqtest::take(harddisk_id_lvm("/dev/mapper/centos-root")), "<null>");
+    EXPECT_EQ(tqtest::take(harddisk_id_lvm(nullptr)), "<null>");
     EXPECT_EQ(fx.calls("/usr/sbin/smartctl").size(), 1u);
     EXPECT_TRUE(leaks.clean());
 }
@@ -148,7 +137,7 @@ TEST(LvmRoute, EncryptedPhysicalVolumeLeadsToThePartitionUnderneath)
     fx.program("/sbin/pvdisplay", "  --- Physical volume ---\n  PV Name               /dev/mapper/sda3_crypt\n"
                                   "  VG Name               vg\n");
     fx.program("/usr/sbin/smartctl", "Device Model: M\nSerial Number: S\n");
-    EXPECT_EQ(text_of(harddisk_id_lvm("/dev/mapper/vg-root")), "M_S");
+    EXPECT_EQ(tqtest::take(harddisk_id_lvm("/dev/mapper/vg-root")), "M_S");
     EXPECT_EQ(fx.calls("/usr/sbin/smartctl"), std::vector<std::string>{"-i " + fx.host("/dev/sda3")});
 }
 
@@ -181,30 +170,30 @@ TEST(DmsetupDeps, RunsDmsetupAndReapsIt)
     fx.block_device("/dev/dm-0");
     fx.block_device("/dev/sda3");
     fx.program("/usr/sbin/dmsetup", " 1 dependencies  : (sda3)\n");
-    EXPECT_EQ(opt(tq::dm_physical_disk_node("/dev/dm-0")), "/dev/sda3");
+    EXPECT_EQ(tqtest::or_null(tq::dm_physical_disk_node("/dev/dm-0")), "/dev/sda3");
     EXPECT_EQ(fx.calls("/usr/sbin/dmsetup"), std::vector<std::string>{"deps -o devname " + fx.host("/dev/dm-0")});
-    EXPECT_TRUE(contains(fx.trace_log(), "physicalDiskNode: /dev/sda3"));
+    EXPECT_TRUE(tqtest::contains(fx.trace_log(), "physicalDiskNode: /dev/sda3"));
 
     fx.program("/usr/sbin/dmsetup", "0 dependencies  :\n");
-    EXPECT_EQ(opt(tq::dm_dependency_name("/dev/dm-0")), "<null>");
-    EXPECT_TRUE(contains(fx.trace_log(), "cannot found deps"));
+    EXPECT_EQ(tqtest::or_null(tq::dm_dependency_name("/dev/dm-0")), "<null>");
+    EXPECT_TRUE(tqtest::contains(fx.trace_log(), "cannot found deps"));
 
     // A dependency without a node: lsblk names the disk.
     fx.program("/usr/sbin/dmsetup", "1 dependencies  : (vdz)\n");
     fx.program("/usr/bin/lsblk", R"({"blockdevices":[{"name":"/dev/vdz","serial":"S1","model":"Virtual Disk"}]})");
-    EXPECT_EQ(opt(tq::dm_physical_disk_node("/dev/dm-0")), "Virtual-Disk_S1");
-    EXPECT_TRUE(contains(fx.trace_log(), "'/dev/vdz' is not a block device, 'vdz'"));
+    EXPECT_EQ(tqtest::or_null(tq::dm_physical_disk_node("/dev/dm-0")), "Virtual-Disk_S1");
+    EXPECT_TRUE(tqtest::contains(fx.trace_log(), "'/dev/vdz' is not a block device, 'vdz'"));
 
     // A child that says far more than is read still ends, and is reaped.
     fx.script("/usr/sbin/dmsetup", "echo '1 dependencies : (sda3)'\nhead -c 1000000 /dev/zero");
-    EXPECT_EQ(opt(tq::dm_dependency_name("/dev/dm-0")), "sda3");
+    EXPECT_EQ(tqtest::or_null(tq::dm_dependency_name("/dev/dm-0")), "sda3");
 
     // A missing or failing dmsetup answers nothing.
     std::filesystem::remove(fx.host("/usr/sbin/dmsetup"));
     testing::internal::CaptureStderr();
-    EXPECT_EQ(opt(tq::dm_dependency_name("/dev/dm-0")), "<null>");
-    EXPECT_TRUE(contains(testing::internal::GetCapturedStderr(), "execve"));
-    EXPECT_EQ(opt(tq::dm_dependency_name(nullptr)), "<null>");
+    EXPECT_EQ(tqtest::or_null(tq::dm_dependency_name("/dev/dm-0")), "<null>");
+    EXPECT_TRUE(tqtest::contains(testing::internal::GetCapturedStderr(), "execve"));
+    EXPECT_EQ(tqtest::or_null(tq::dm_dependency_name(nullptr)), "<null>");
     EXPECT_TRUE(leaks.clean());
 }
 

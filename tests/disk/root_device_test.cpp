@@ -11,44 +11,39 @@
 #include "foundation/strutil.h"
 #include "support/fixture.h"
 #include "support/leak_check.h"
+#include "support/results.h"
 #include "tavro-quenda.h"
 
 namespace {
 
 using CString = std::unique_ptr<char, tq::FreeDeleter>;
 
-std::string text_of(char *owned)
-{
-    CString holder(owned);
-    return holder ? std::string(holder.get()) : std::string("<null>");
-}
 
-std::string opt(const std::optional<std::string> &text) { return text ? *text : "<null>"; }
 
 TEST(MountTable, ChoosesTheRootEntryThatIsNotRootfs)
 {
     // The early-boot rootfs line comes first and is skipped; a later "/" wins.
-    EXPECT_EQ(opt(tq::root_mount_source("rootfs / rootfs rw 0 0\n"
+    EXPECT_EQ(tqtest::or_null(tq::root_mount_source("rootfs / rootfs rw 0 0\n"
                                         "proc /proc proc rw 0 0\n"
                                         "/dev/sda2 / ext4 rw,relatime 0 0\n"
                                         "/dev/sda3 / ext4 rw 0 0\n")),
               "/dev/sda2");
-    EXPECT_EQ(opt(tq::root_mount_source("rootfs / rootfs rw 0 0\n")), "<null>");
-    EXPECT_EQ(opt(tq::root_mount_source("/dev/sda1 /boot ext4 rw 0 0\n/dev/sda2 /home ext4 rw 0 0\n")), "<null>");
-    EXPECT_EQ(opt(tq::root_mount_source("")), "<null>");
+    EXPECT_EQ(tqtest::or_null(tq::root_mount_source("rootfs / rootfs rw 0 0\n")), "<null>");
+    EXPECT_EQ(tqtest::or_null(tq::root_mount_source("/dev/sda1 /boot ext4 rw 0 0\n/dev/sda2 /home ext4 rw 0 0\n")), "<null>");
+    EXPECT_EQ(tqtest::or_null(tq::root_mount_source("")), "<null>");
     // The table's octal escapes are decoded, comments skipped, and the mount
     // directory must be exactly "/".
-    EXPECT_EQ(opt(tq::root_mount_source("# comment / x\n/dev/a /. ext4 rw 0 0\n/dev/my\\040disk / ext4 rw 0 0\n")),
+    EXPECT_EQ(tqtest::or_null(tq::root_mount_source("# comment / x\n/dev/a /. ext4 rw 0 0\n/dev/my\\040disk / ext4 rw 0 0\n")),
               "/dev/my disk");
     // This machine's own table shape.
-    EXPECT_EQ(opt(tq::root_mount_source("proc /proc proc rw,relatime 0 0\n"
+    EXPECT_EQ(tqtest::or_null(tq::root_mount_source("proc /proc proc rw,relatime 0 0\n"
                                         "/dev/vda / ext4 rw,relatime,discard 0 0\n")),
               "/dev/vda");
 }
 
 TEST(CommandLine, FindsAndResolvesTheFirstRootWord)
 {
-    auto root = [](std::string_view line) { return opt(tq::root_device_from_command_line(line)); };
+    auto root = [](std::string_view line) { return tqtest::or_null(tq::root_device_from_command_line(line)); };
     EXPECT_EQ(root("BOOT_IMAGE=/vmlinuz root=/dev/sda2 ro quiet"), "/dev/sda2");
     EXPECT_EQ(root("ro\troot=UUID=1234-ABCD\tquiet"), "/dev/disk/by-uuid/1234-ABCD");
     EXPECT_EQ(root("root=LABEL=a/b"), "/dev/disk/by-label/a\\x2fb");
@@ -75,7 +70,7 @@ TEST(CommandLine, LongLinesAreSafeAndLongResultsAreCut)
 {
     std::string line(10000, 'x');
     line += " root=/dev/sdz9";
-    EXPECT_EQ(opt(tq::root_device_from_command_line(line)), "/dev/sdz9");
+    EXPECT_EQ(tqtest::or_null(tq::root_device_from_command_line(line)), "/dev/sdz9");
 
     std::string label = "root=LABEL=" + std::string(3000, '/');
     std::optional<std::string> cut = tq::root_device_from_command_line(label);
@@ -92,10 +87,10 @@ TEST(CommandLine, ReadsTheFirstLineOfTheFile)
 {
     tqtest::Fixture fx;
     fx.write("/proc/cmdline", "BOOT_IMAGE=/boot/vmlinuz root=UUID=1234-ABCD ro\nroot=/dev/sdb1\n");
-    EXPECT_EQ(text_of(command_line_get_root_device_name("/proc/cmdline")), "/dev/disk/by-uuid/1234-ABCD");
-    EXPECT_EQ(text_of(command_line_get_root_device_name("/proc/missing")), "<null>");
-    EXPECT_EQ(text_of(command_line_get_root_device_name("/proc")), "<null>");
-    EXPECT_EQ(text_of(command_line_get_root_device_name(nullptr)), "<null>");
+    EXPECT_EQ(tqtest::take(command_line_get_root_device_name("/proc/cmdline")), "/dev/disk/by-uuid/1234-ABCD");
+    EXPECT_EQ(tqtest::take(command_line_get_root_device_name("/proc/missing")), "<null>");
+    EXPECT_EQ(tqtest::take(command_line_get_root_device_name("/proc")), "<null>");
+    EXPECT_EQ(tqtest::take(command_line_get_root_device_name(nullptr)), "<null>");
 }
 
 TEST(RootDevice, MountTableFirstThenKernelCommandLine)
@@ -105,40 +100,40 @@ TEST(RootDevice, MountTableFirstThenKernelCommandLine)
     fx.block_device("/dev/sda2");
     fx.write("/proc/mounts", "rootfs / rootfs rw 0 0\n/dev/sda2 / ext4 rw 0 0\n");
     fx.write("/proc/cmdline", "root=/dev/sdb1\n");
-    EXPECT_EQ(text_of(root_device()), "/dev/sda2");
+    EXPECT_EQ(tqtest::take(root_device()), "/dev/sda2");
     EXPECT_NE(fx.trace_log().find("root_dev_name: /dev/sda2."), std::string::npos);
 
     // /dev/root has no node: the command line's UUID link decides, followed to a block device.
     fx.write("/proc/mounts", "/dev/root / ext4 rw 0 0\n");
     fx.write("/proc/cmdline", "ro root=UUID=1234-ABCD quiet\n");
     fx.symlink("../../sda2", "/dev/disk/by-uuid/1234-ABCD");
-    EXPECT_EQ(text_of(root_device()), "/dev/disk/by-uuid/1234-ABCD");
+    EXPECT_EQ(tqtest::take(root_device()), "/dev/disk/by-uuid/1234-ABCD");
 
     // Only rootfs in the table; the command line names a link to nothing.
     fx.write("/proc/mounts", "rootfs / rootfs rw 0 0\n");
     fx.write("/proc/cmdline", "root=LABEL=a/b\n");
-    EXPECT_EQ(text_of(root_device()), "<null>");
+    EXPECT_EQ(tqtest::take(root_device()), "<null>");
     fx.symlink("../../sda2", "/dev/disk/by-label/a\\x2fb");
-    EXPECT_EQ(text_of(root_device()), "/dev/disk/by-label/a\\x2fb");
+    EXPECT_EQ(tqtest::take(root_device()), "/dev/disk/by-label/a\\x2fb");
 
     // A regular file is not a block device; PARTUUID never is.
     fx.write("/dev/sdc1", "");
     fx.write("/proc/cmdline", "root=/dev/sdc1\n");
-    EXPECT_EQ(text_of(root_device()), "<null>");
+    EXPECT_EQ(tqtest::take(root_device()), "<null>");
     fx.write("/proc/cmdline", "root=PARTUUID=0000-01\n");
-    EXPECT_EQ(text_of(root_device()), "<null>");
+    EXPECT_EQ(tqtest::take(root_device()), "<null>");
     EXPECT_NE(fx.trace_log().find("!stat(dev_name, &sb) return"), std::string::npos);
 
     // Without a readable mount table.
     fx.write("/proc/mounts", "/dev/sda2 / ext4 rw 0 0\n", 0000);
     fx.write("/proc/cmdline", "root=/dev/sda2\n");
-    EXPECT_EQ(text_of(root_device()), "/dev/sda2");
+    EXPECT_EQ(tqtest::take(root_device()), "/dev/sda2");
     EXPECT_TRUE(leaks.clean());
 }
 
 TEST(RootDisk, FindsTheDiskOfTheRootPartition)
 {
-    auto disk = [](const std::string &json) { return opt(tq::find_root_disk(json)); };
+    auto disk = [](const std::string &json) { return tqtest::or_null(tq::find_root_disk(json)); };
     EXPECT_EQ(disk(R"({"blockdevices":[{"name":"sda","children":[{"name":"sda2","mountpoint":"/"}]}]})"), "sda");
     // One level deeper (LVM in a partition) is deliberately not found.
     EXPECT_EQ(disk(R"({"blockdevices":[{"name":"sda","children":[{"name":"sda2","mountpoint":null,)"
@@ -163,7 +158,7 @@ TEST(RootDisk, FindsTheDiskOfTheRootPartition)
     testing::internal::CaptureStderr();
     EXPECT_EQ(disk("{\"blockdevices\": [ oops"), "<null>");
     EXPECT_EQ(disk(R"({"blockdevices":{"name":"sda"}})"), "<null>");
-    EXPECT_EQ(text_of(find_root_disk(nullptr)), "<null>");
+    EXPECT_EQ(tqtest::take(find_root_disk(nullptr)), "<null>");
     std::string err = testing::internal::GetCapturedStderr();
     EXPECT_NE(err.find("JSON parse error: oops"), std::string::npos) << err;
     EXPECT_NE(err.find("Invalid JSON structure: blockdevices is not an array\n"), std::string::npos) << err;
@@ -183,7 +178,7 @@ TEST(RootDisk, LsblkOutputIsReturnedWhole)
     CString out(get_lsblk_output());
     ASSERT_TRUE(out);
     EXPECT_EQ(std::string(out.get()), json);
-    EXPECT_EQ(text_of(find_root_disk(out.get())), "sdroot");
+    EXPECT_EQ(tqtest::take(find_root_disk(out.get())), "sdroot");
     EXPECT_EQ(fx.calls("lsblk"), std::vector<std::string>{"-J"});
     EXPECT_TRUE(leaks.clean());
 }
@@ -210,12 +205,12 @@ TEST(RealMachine, RootDeviceAgreesWithUtilLinux)
     struct stat st;
     if (source.empty() || ::stat(source.c_str(), &st) != 0 || !S_ISBLK(st.st_mode))
         GTEST_SKIP() << "the root file system's source '" << source << "' is not a block device here";
-    EXPECT_EQ(text_of(root_device()), source);
+    EXPECT_EQ(tqtest::take(root_device()), source);
 
     std::string parent = run("lsblk -no PKNAME " + tq::os::shell_quote(source) + " 2>/dev/null");
     if (parent.empty())
         GTEST_SKIP() << "the root " << source << " is a whole disk, not a partition: lsblk names no parent";
-    EXPECT_EQ(text_of(find_root_disk(CString(get_lsblk_output()).get())), parent);
+    EXPECT_EQ(tqtest::take(find_root_disk(CString(get_lsblk_output()).get())), parent);
 }
 
 } // namespace

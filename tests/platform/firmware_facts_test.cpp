@@ -11,18 +11,11 @@
 #include "fixture.h"
 #include "foundation/strutil.h"
 #include "leak_check.h"
+#include "results.h"
 #include "platform_support.h"
 #include "tavro-quenda.h"
 
 namespace {
-
-using CString = std::unique_ptr<char, tq::FreeDeleter>;
-
-std::optional<std::string> take(char *answer)
-{
-    CString owned(answer);
-    return owned ? std::optional<std::string>(owned.get()) : std::nullopt;
-}
 
 TEST(FirmwareFacts, SysfsAnswersFirstAndAnEmptyLineIsAnAnswer)
 {
@@ -33,10 +26,10 @@ TEST(FirmwareFacts, SysfsAnswersFirstAndAnEmptyLineIsAnAnswer)
     f.write("/sys/class/dmi/id/product_sku", "\n");
     tqtest::LeakCheck leaks;
 
-    EXPECT_EQ(take(tavro_quenda_get_service_tag()), "PF 12 AB");
-    EXPECT_EQ(take(tavro_quenda_get_product_serial()), "PF 12 AB");
-    EXPECT_EQ(take(tavro_quenda_get_vendor()), "LENOVO");
-    EXPECT_EQ(take(tavro_quenda_get_model()), "");
+    EXPECT_EQ(tqtest::take_optional(tavro_quenda_get_service_tag()), "PF 12 AB");
+    EXPECT_EQ(tqtest::take_optional(tavro_quenda_get_product_serial()), "PF 12 AB");
+    EXPECT_EQ(tqtest::take_optional(tavro_quenda_get_vendor()), "LENOVO");
+    EXPECT_EQ(tqtest::take_optional(tavro_quenda_get_model()), "");
     EXPECT_TRUE(f.calls("/usr/sbin/dmidecode").empty()) << "sysfs answered every fact";
     EXPECT_TRUE(leaks.clean());
 
@@ -47,7 +40,7 @@ TEST(FirmwareFacts, SysfsAnswersFirstAndAnEmptyLineIsAnAnswer)
 
     // An empty file gives no line at all: dmidecode is asked.
     f.write("/sys/class/dmi/id/product_sku", "");
-    EXPECT_EQ(take(tavro_quenda_get_model()), "ThinkPad");
+    EXPECT_EQ(tqtest::take_optional(tavro_quenda_get_model()), "ThinkPad");
     EXPECT_EQ(f.calls("/usr/sbin/dmidecode"), std::vector<std::string>{"-t 1"});
 }
 
@@ -80,10 +73,10 @@ TEST(FirmwareFacts, DmidecodeFallbackOnRealReports)
         tqtest::Fixture f;
         tqtest::fake_dmidecode(f, tqtest::corpus(std::string("dmidecode/") + c.report));
         tqtest::LeakCheck leaks;
-        EXPECT_EQ(take(tavro_quenda_get_service_tag()), c.serial);
-        EXPECT_EQ(take(tavro_quenda_get_product_serial()), c.serial);
-        EXPECT_EQ(take(tavro_quenda_get_vendor()), c.vendor);
-        EXPECT_EQ(take(tavro_quenda_get_model()), c.model);
+        EXPECT_EQ(tqtest::take_optional(tavro_quenda_get_service_tag()), c.serial);
+        EXPECT_EQ(tqtest::take_optional(tavro_quenda_get_product_serial()), c.serial);
+        EXPECT_EQ(tqtest::take_optional(tavro_quenda_get_vendor()), c.vendor);
+        EXPECT_EQ(tqtest::take_optional(tavro_quenda_get_model()), c.model);
         EXPECT_TRUE(leaks.clean());
         EXPECT_EQ(f.calls("/usr/sbin/dmidecode").size(), 4u);
     }
@@ -93,35 +86,35 @@ TEST(FirmwareFacts, CommandsRunOnlyWithAnExecutableDmidecode)
 {
     tqtest::Fixture f;
     // No dmidecode: only sysfs can answer.
-    EXPECT_EQ(take(tavro_quenda_get_service_tag()), std::nullopt);
-    EXPECT_EQ(take(tavro_quenda_get_product_serial()), std::nullopt);
-    EXPECT_EQ(take(tavro_quenda_get_vendor()), std::nullopt);
-    EXPECT_EQ(take(tavro_quenda_get_model()), std::nullopt);
+    EXPECT_EQ(tqtest::take_optional(tavro_quenda_get_service_tag()), std::nullopt);
+    EXPECT_EQ(tqtest::take_optional(tavro_quenda_get_product_serial()), std::nullopt);
+    EXPECT_EQ(tqtest::take_optional(tavro_quenda_get_vendor()), std::nullopt);
+    EXPECT_EQ(tqtest::take_optional(tavro_quenda_get_model()), std::nullopt);
     EXPECT_EQ(f.trace_log(), "") << "a missing serial is not traced";
     f.write("/sys/class/dmi/id/sys_vendor", "HUAWEI\n");
-    EXPECT_EQ(take(tavro_quenda_get_vendor()), "HUAWEI");
+    EXPECT_EQ(tqtest::take_optional(tavro_quenda_get_vendor()), "HUAWEI");
 
     // The check is of /usr/sbin/dmidecode, whatever the command line runs.
     const std::string marker = f.host("/ran");
     const std::string command = "touch '" + marker + "'; echo first; echo second";
-    EXPECT_EQ(take(get_machine_info_from_dmidecode(command.c_str())), std::nullopt);
+    EXPECT_EQ(tqtest::take_optional(get_machine_info_from_dmidecode(command.c_str())), std::nullopt);
     f.write("/usr/sbin/dmidecode", "#!/bin/sh\n", 0644);
-    EXPECT_EQ(take(get_service_tag_from_dmidecode(command.c_str())), std::nullopt);
+    EXPECT_EQ(tqtest::take_optional(get_service_tag_from_dmidecode(command.c_str())), std::nullopt);
     EXPECT_FALSE(std::filesystem::exists(marker));
     f.program("/usr/sbin/dmidecode", "");
-    EXPECT_EQ(take(get_machine_info_from_dmidecode(command.c_str())), "first");
-    EXPECT_EQ(take(get_service_tag_from_dmidecode("printf 'a\\rb\\n'")), "a");
-    EXPECT_EQ(take(get_machine_info_from_dmidecode("true")), std::nullopt) << "no line is no answer";
-    EXPECT_EQ(take(get_machine_info_from_dmidecode(nullptr)), std::nullopt);
+    EXPECT_EQ(tqtest::take_optional(get_machine_info_from_dmidecode(command.c_str())), "first");
+    EXPECT_EQ(tqtest::take_optional(get_service_tag_from_dmidecode("printf 'a\\rb\\n'")), "a");
+    EXPECT_EQ(tqtest::take_optional(get_machine_info_from_dmidecode("true")), std::nullopt) << "no line is no answer";
+    EXPECT_EQ(tqtest::take_optional(get_machine_info_from_dmidecode(nullptr)), std::nullopt);
 
     // The file readers.
     f.write("/etc/fact", "line one\r\nline two\n");
-    EXPECT_EQ(take(get_machine_info_from_sysfs("/etc/fact")), "line one");
-    EXPECT_EQ(take(get_service_tag_from_sysfs("/etc/fact")), "line one");
+    EXPECT_EQ(tqtest::take_optional(get_machine_info_from_sysfs("/etc/fact")), "line one");
+    EXPECT_EQ(tqtest::take_optional(get_service_tag_from_sysfs("/etc/fact")), "line one");
     f.write("/etc/long", std::string(2000, 'x'));
-    EXPECT_EQ(take(get_machine_info_from_sysfs("/etc/long")), std::string(1023, 'x'));
-    EXPECT_EQ(take(get_service_tag_from_sysfs("/etc/none")), std::nullopt);
-    EXPECT_EQ(take(get_service_tag_from_sysfs(nullptr)), std::nullopt);
+    EXPECT_EQ(tqtest::take_optional(get_machine_info_from_sysfs("/etc/long")), std::string(1023, 'x'));
+    EXPECT_EQ(tqtest::take_optional(get_service_tag_from_sysfs("/etc/none")), std::nullopt);
+    EXPECT_EQ(tqtest::take_optional(get_service_tag_from_sysfs(nullptr)), std::nullopt);
 }
 
 TEST(FirmwareFacts, ReplayedDmidecodeBehavesLikeTheRecordedOne)

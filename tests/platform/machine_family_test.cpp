@@ -11,18 +11,11 @@
 #include "fixture.h"
 #include "foundation/strutil.h"
 #include "leak_check.h"
+#include "results.h"
 #include "platform_support.h"
 #include "tavro-quenda.h"
 
 namespace {
-
-using CString = std::unique_ptr<char, tq::FreeDeleter>;
-
-std::optional<std::string> take(char *answer)
-{
-    CString owned(answer);
-    return owned ? std::optional<std::string>(owned.get()) : std::nullopt;
-}
 
 std::string replaced(std::string text, const std::string &from, const std::string &to)
 {
@@ -129,20 +122,20 @@ TEST(MachineFamily, OemTextJoinsSerialAndBootDevice)
 {
     tqtest::Fixture f;
     tqtest::LeakCheck leaks;
-    EXPECT_EQ(take(tavro_quenda_get_hw_oeminfo()), std::nullopt) << "no dmidecode";
+    EXPECT_EQ(tqtest::take_optional(tavro_quenda_get_hw_oeminfo()), std::nullopt) << "no dmidecode";
     EXPECT_EQ(f.trace_log(), "");
 
     tqtest::fake_dmidecode(f, tqtest::corpus("dmidecode/prestigio-multipad-placeholder-uuid-12345678-forum-spaces.txt"));
     // No /proc/bootdevice: an empty text, traced and returned.
-    EXPECT_EQ(take(tavro_quenda_get_hw_oeminfo()), "");
+    EXPECT_EQ(tqtest::take_optional(tavro_quenda_get_hw_oeminfo()), "");
     EXPECT_NE(f.trace_log().find(": \n"), std::string::npos) << f.trace_log();
 
     f.write("/proc/bootdevice/product_name", "KLUDG4UHDB-B2D1\n");
-    EXPECT_EQ(take(hw_oem_info()), "") << "no cid: no partial text";
+    EXPECT_EQ(tqtest::take_optional(hw_oem_info()), "") << "no cid: no partial text";
     f.write("/proc/bootdevice/cid", "");
-    EXPECT_EQ(take(hw_oem_info()), "") << "empty cid";
+    EXPECT_EQ(tqtest::take_optional(hw_oem_info()), "") << "empty cid";
     f.write("/proc/bootdevice/cid", "ce0130304b4c5544473455484442b2d1\r\n");
-    EXPECT_EQ(take(tavro_quenda_get_hw_oeminfo()),
+    EXPECT_EQ(tqtest::take_optional(tavro_quenda_get_hw_oeminfo()),
               "PMP250363210595_KLUDG4UHDB-B2D1_ce0130304b4c5544473455484442b2d1");
     EXPECT_NE(f.trace_log().find(": PMP250363210595_KLUDG4UHDB-B2D1_ce0130304b4c5544473455484442b2d1\n"),
               std::string::npos);
@@ -152,11 +145,11 @@ TEST(MachineFamily, OemTextJoinsSerialAndBootDevice)
     f.script("/usr/sbin/dmidecode", "printf 'System Information\\n\\tSerial Number: %s\\n' \"$(printf '%0200d' 0)\"");
     f.write("/proc/bootdevice/product_name", std::string(300, 'p'));
     f.write("/proc/bootdevice/cid", "cid\n");
-    EXPECT_EQ(take(hw_oem_info()), std::string(127, '0') + "_" + std::string(127, 'p') + "_cid");
+    EXPECT_EQ(tqtest::take_optional(hw_oem_info()), std::string(127, '0') + "_" + std::string(127, 'p') + "_cid");
 
     // A dmidecode that prints no serial line.
     f.program("/usr/sbin/dmidecode", "# dmidecode 3.4\nScanning /dev/mem for entry point.\n", 1);
-    EXPECT_EQ(take(hw_oem_info()), "");
+    EXPECT_EQ(tqtest::take_optional(hw_oem_info()), "");
     EXPECT_TRUE(leaks.clean());
 }
 

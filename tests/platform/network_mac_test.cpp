@@ -26,6 +26,7 @@
 #include "foundation/os.h"
 #include "foundation/strutil.h"
 #include "leak_check.h"
+#include "results.h"
 #include "tavro-quenda.h"
 
 namespace {
@@ -44,7 +45,6 @@ Mac mac(const char *text)
     return m;
 }
 
-std::string text(const CString &s) { return s ? s.get() : "(null)"; }
 
 // One interface as the fake kernel knows it.
 struct Nic {
@@ -188,14 +188,14 @@ TEST(NetworkMac, MachineWithoutWiredInterfaceAnswersNullAndScansAgain)
     net.install();
     tqtest::LeakCheck leaks;
 
-    EXPECT_EQ(text(CString(tavro_quenda_get_network_interface_max_mac())), "(null)");
+    EXPECT_EQ(tqtest::take(tavro_quenda_get_network_interface_max_mac()), "<null>");
     EXPECT_EQ(net.ioctl_calls, 0) << "no interface of these names is a candidate";
     EXPECT_EQ(f.trace_log().find("found network interface device"), std::string::npos);
     // A null answer is not kept: the next call reads the system again.
-    EXPECT_EQ(text(CString(network_interface_get_max_mac())), "(null)");
+    EXPECT_EQ(tqtest::take(network_interface_get_max_mac()), "<null>");
     EXPECT_EQ(net.getifaddrs_calls, 2);
     net.fail_getifaddrs = true;
-    EXPECT_EQ(text(CString(network_interface_get_max_mac())), "(null)");
+    EXPECT_EQ(tqtest::take(network_interface_get_max_mac()), "<null>");
     EXPECT_TRUE(leaks.clean());
 }
 
@@ -217,7 +217,7 @@ TEST(NetworkMac, LargestPermanentAddressOfPciInterfacesWins)
     net.install();
     tqtest::LeakCheck leaks;
 
-    EXPECT_EQ(text(CString(tavro_quenda_get_network_interface_max_mac())), "bb:0c:00:00:00:02");
+    EXPECT_EQ(tqtest::take(tavro_quenda_get_network_interface_max_mac()), "bb:0c:00:00:00:02");
     EXPECT_TRUE(leaks.clean());
     EXPECT_TRUE(traced(f, "found network interface device: eth0, ignoreMountUSB: true"));
     EXPECT_TRUE(traced(f, "mac: <ff:00:00:00:00:00>,  permanent_mac: <aa:00:00:00:00:01>."));
@@ -248,7 +248,7 @@ TEST(NetworkMac, OnlyWiredNamesWithAnAddressAreCandidates)
     pci_device(f, "eno2", "0000:02:00.0");
     net.install();
 
-    EXPECT_EQ(text(CString(network_interface_get_max_mac())), "20:00:00:00:00:00");
+    EXPECT_EQ(tqtest::take(network_interface_get_max_mac()), "20:00:00:00:00:00");
     std::string log = f.trace_log();
     for (const char *skipped : {"eth7", "eth8", "veth0"})
         EXPECT_EQ(log.find(std::string("device: ") + skipped), std::string::npos) << skipped;
@@ -264,7 +264,7 @@ TEST(NetworkMac, UnreadablePermanentAddressCountsAsZeros)
     net.install();
 
     // The zero address, not the current one, stands for a NIC ethtool cannot read.
-    EXPECT_EQ(text(CString(network_interface_get_max_mac())), "00:00:00:00:00:00");
+    EXPECT_EQ(tqtest::take(network_interface_get_max_mac()), "00:00:00:00:00:00");
     EXPECT_TRUE(traced(f, "Could not read permanent MAC."));
     EXPECT_TRUE(traced(f, "mac: <12:34:56:78:9a:bc>,  permanent_mac: <00:00:00:00:00:00>."));
 }
@@ -282,7 +282,7 @@ TEST(NetworkMac, ZeroAddressLosesToAnyOtherAndVanishedDeviceFallsBackToCurrent)
     pci_device(f, "eth1", "0000:03:00.1");
     net.install();
 
-    EXPECT_EQ(text(CString(network_interface_get_max_mac())), "00:00:00:00:00:01");
+    EXPECT_EQ(tqtest::take(network_interface_get_max_mac()), "00:00:00:00:00:01");
     EXPECT_TRUE(traced(f, "Set device name error: No such device."));
     EXPECT_TRUE(traced(f, "no permanent mac!"));
     EXPECT_TRUE(traced(f, "mac: <00:00:00:00:00:01>,  permanent_mac: <00:00:00:00:00:01>."));
@@ -305,7 +305,7 @@ TEST(NetworkMac, UsbAdapterOrUnreadableInterfaceEndsTheWalk)
         net.install();
         tqtest::LeakCheck leaks;
 
-        EXPECT_EQ(text(CString(network_interface_get_max_mac())), "10:20:30:40:50:60");
+        EXPECT_EQ(tqtest::take(network_interface_get_max_mac()), "10:20:30:40:50:60");
         EXPECT_TRUE(leaks.clean());
         EXPECT_TRUE(traced(f, "<enx001122334455> mounted on the usb bus, ignore."));
         EXPECT_EQ(f.trace_log().find("device: eth0"), std::string::npos);
@@ -369,7 +369,7 @@ TEST(NetworkMac, InterfaceWithoutProvenAttachmentCountsAsUsb)
     net.nic("eth0", {mac("02:42:ac:11:00:02"), mac("02:42:ac:11:00:02")});
     net.nic("eth3", {mac("00:00:00:00:00:03"), mac("00:00:00:00:00:03")});
     net.install();
-    EXPECT_EQ(text(CString(network_interface_get_max_mac())), "(null)");
+    EXPECT_EQ(tqtest::take(network_interface_get_max_mac()), "<null>");
 }
 
 TEST(NetworkMac, MachineWithoutUsbBusStillGetsItsMac)
@@ -433,7 +433,7 @@ TEST(NetworkMac, BondSlavesComeFromTheBondingFiles)
     net.install();
     tqtest::LeakCheck leaks;
 
-    EXPECT_EQ(text(CString(network_interface_get_max_mac())), "08:00:27:f1:97:66");
+    EXPECT_EQ(tqtest::take(network_interface_get_max_mac()), "08:00:27:f1:97:66");
     EXPECT_TRUE(leaks.clean());
 
     tq::InterfaceMacList list = tq::list_network_interfaces(true);
@@ -495,7 +495,7 @@ TEST(NetworkMac, FirstAnswerIsKeptForTheProcess)
     net.nic("eth0", {mac("00:00:00:00:00:01"), mac("52:54:00:12:34:56")});
     pci_device(f, "eth0", "0000:03:00.0");
     net.install();
-    EXPECT_EQ(text(CString(network_interface_get_max_mac())), "52:54:00:12:34:56");
+    EXPECT_EQ(tqtest::take(network_interface_get_max_mac()), "52:54:00:12:34:56");
     int scans = net.getifaddrs_calls, ioctls = net.ioctl_calls;
 
     // The machine changes; the answer does not, and nothing is read.
@@ -506,8 +506,9 @@ TEST(NetworkMac, FirstAnswerIsKeptForTheProcess)
     tqtest::LeakCheck leaks;
     CString first(network_interface_get_max_mac());
     CString second(tavro_quenda_get_network_interface_max_mac());
-    EXPECT_EQ(text(first), "52:54:00:12:34:56");
-    EXPECT_EQ(text(second), "52:54:00:12:34:56");
+    ASSERT_TRUE(first && second);
+    EXPECT_STREQ(first.get(), "52:54:00:12:34:56");
+    EXPECT_STREQ(second.get(), "52:54:00:12:34:56");
     EXPECT_NE(first.get(), second.get()) << "each caller gets a copy of its own";
     EXPECT_EQ(other.getifaddrs_calls + other.ioctl_calls, 0);
     EXPECT_EQ(net.getifaddrs_calls, scans);
@@ -533,7 +534,7 @@ TEST(NetworkMac, ConcurrentFirstCallsAgreeOnOneAnswer)
         threads.emplace_back([&, i] {
             while (!go)
                 std::this_thread::yield();
-            answers[i] = text(CString(network_interface_get_max_mac()));
+            answers[i] = tqtest::take(network_interface_get_max_mac());
         });
     }
     go = true;

@@ -12,18 +12,13 @@
 #include "fixture.h"
 #include "leak_check.h"
 #include "platform_support.h"
+#include "results.h"
 #include "platform/system_uuid.h"
 #include "tavro-quenda.h"
 
 namespace {
 
 constexpr char kSysfs[] = "/sys/devices/virtual/dmi/id/product_uuid";
-
-std::string answer(char *text)
-{
-    std::unique_ptr<char, decltype(&std::free)> owned(text, std::free);
-    return text ? text : "<null>";
-}
 
 TEST(PlaceholderUuid, WholeTextAnyCase)
 {
@@ -41,10 +36,10 @@ TEST(SystemUuid, SysfsAnswersAsWrittenWithoutLineEnds)
     tqtest::Fixture fx;
     fx.program("/usr/sbin/dmidecode", "never asked\n");
     fx.write(kSysfs, "4c4c4544-0042-3510-8052-b4c04f4e4d32\r\n");
-    EXPECT_EQ(answer(tavro_quenda_get_system_uuid()), "4c4c4544-0042-3510-8052-b4c04f4e4d32");
+    EXPECT_EQ(tqtest::take(tavro_quenda_get_system_uuid()), "4c4c4544-0042-3510-8052-b4c04f4e4d32");
 
     fx.write(kSysfs, "\n"); // an empty first line is an answer, not a failure
-    EXPECT_EQ(answer(system_uuid()), "");
+    EXPECT_EQ(tqtest::take(system_uuid()), "");
     EXPECT_TRUE(fx.calls("/usr/sbin/dmidecode").empty());
 }
 
@@ -56,24 +51,24 @@ TEST(SystemUuid, PlaceholderInSysfsFallsBackToDmidecodeThroughGrep)
     fx.program("/usr/sbin/dmidecode", "# SMBIOS entry point at 0x000f0000\n"
                                       "4C4C4544-0042-3510-8052-B4C04F4E4D32\n");
     // dmidecode's answer keeps its upper case; grep dropped the comment.
-    EXPECT_EQ(answer(system_uuid()), "4C4C4544-0042-3510-8052-B4C04F4E4D32");
+    EXPECT_EQ(tqtest::take(system_uuid()), "4C4C4544-0042-3510-8052-B4C04F4E4D32");
     EXPECT_EQ(fx.calls("/usr/sbin/dmidecode"), std::vector<std::string>{"-s system-uuid"});
 
     fx.program("/usr/sbin/dmidecode", "ffffffff-ffff-ffff-ffff-ffffffffffff\n");
-    EXPECT_EQ(answer(system_uuid()), "<null>");
+    EXPECT_EQ(tqtest::take(system_uuid()), "<null>");
     fx.program("/usr/sbin/dmidecode", "Not Settable\n");
-    EXPECT_EQ(answer(system_uuid()), "<null>");
+    EXPECT_EQ(tqtest::take(system_uuid()), "<null>");
     EXPECT_TRUE(leaks.clean());
 }
 
 TEST(SystemUuid, DmidecodeRunsOnlyWhenExecutable)
 {
     tqtest::Fixture fx;
-    EXPECT_EQ(answer(system_uuid()), "<null>"); // neither source exists
+    EXPECT_EQ(tqtest::take(system_uuid()), "<null>"); // neither source exists
 
     fx.program("/usr/sbin/dmidecode", "4C4C4544-0042-3510-8052-B4C04F4E4D32\n");
     chmod(fx.host("/usr/sbin/dmidecode").c_str(), 0644);
-    EXPECT_EQ(answer(system_uuid()), "<null>");
+    EXPECT_EQ(tqtest::take(system_uuid()), "<null>");
     EXPECT_TRUE(fx.calls("/usr/sbin/dmidecode").empty());
 }
 
@@ -97,7 +92,7 @@ TEST(SystemUuid, RecordedReportsOfRealMachines)
                                .strings["system-uuid"];
         tqtest::Fixture fx;
         tqtest::fake_dmidecode(fx, entry.path().string());
-        std::string got = answer(system_uuid());
+        std::string got = tqtest::take(system_uuid());
         bool well_formed = std::regex_match(uuid, std::regex("[0-9a-fA-F]{8}(-[0-9a-fA-F]{4}){3}-[0-9a-fA-F]{12}"));
         EXPECT_EQ(got, well_formed && !tq::is_placeholder_uuid(uuid.c_str()) ? uuid : "<null>");
         if (auto it = checked.find(name); it != checked.end()) {
@@ -115,7 +110,7 @@ TEST(SystemUuid, AgreesWithThisMachine)
     std::string sysfs = tqtest::read_file("/sys/class/dmi/id/product_uuid");
     if (sysfs.empty() && access("/usr/sbin/dmidecode", X_OK) != 0)
         GTEST_SKIP() << "this machine has neither /sys/class/dmi/id/product_uuid nor dmidecode";
-    std::string got = answer(system_uuid());
+    std::string got = tqtest::take(system_uuid());
     if (!sysfs.empty()) {
         sysfs = sysfs.substr(0, sysfs.find('\n'));
         if (!tq::is_placeholder_uuid(sysfs.c_str())) {
