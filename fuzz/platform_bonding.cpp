@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "fuzz_stream.h"
 #include "platform/network_mac.h"
 
 namespace {
@@ -24,14 +25,11 @@ bool blank_free(const std::string &s)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    if (size == 0)
-        return 0;
     std::string bytes(reinterpret_cast<const char *>(data), size);
-    FILE *stream = ::fmemopen(bytes.data(), bytes.size(), "r");
-    if (!stream)
+    auto parsed = fuzz::parse_stream(bytes, [](FILE *stream) { return tq::parse_bonding_slaves(stream); });
+    if (!parsed)
         return 0;
-    tq::InterfaceMacList slaves = tq::parse_bonding_slaves(stream);
-    std::fclose(stream);
+    const tq::InterfaceMacList &slaves = *parsed;
 
     for (const tq::InterfaceMacRecord &r : slaves) {
         if (r.name.empty() || r.name.size() > 127 || !blank_free(r.name))

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "fuzz_stream.h"
 #include "platform/machine_family.h"
 
 namespace {
@@ -41,15 +42,9 @@ bool reference(const std::string &bytes)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    if (size == 0)
-        return 0;
     std::string bytes(reinterpret_cast<const char *>(data), size);
-    FILE *stream = ::fmemopen(bytes.data(), bytes.size(), "r");
-    if (!stream)
-        return 0;
-    bool found = tq::cpuinfo_names_kirin_9x0(stream);
-    std::fclose(stream);
-    if (found != reference(bytes))
+    auto found = fuzz::parse_stream(bytes, [](FILE *stream) { return tq::cpuinfo_names_kirin_9x0(stream); });
+    if (found && *found != reference(bytes))
         std::abort();
     return 0;
 }

@@ -205,26 +205,26 @@ std::optional<std::string> lsblk_find_model_serial(const cJSON *tree, std::strin
         if (!device_name || base_name(device_name) != name)
             continue;
 
-        const cJSON *serial_item = cJSON_GetObjectItemCaseSensitive(device, "serial");
-        if (!cJSON_IsString(serial_item)) {
-            quenda_trace("Serial for device '%s' is not a string or is NULL.\n", wanted.c_str());
+        // The model is traced with the serial's wording, as it always was.
+        auto text_item = [&](const char *key, const char *null_trace) -> const char * {
+            const cJSON *item = cJSON_GetObjectItemCaseSensitive(device, key);
+            if (!cJSON_IsString(item)) {
+                quenda_trace("Serial for device '%s' is not a string or is NULL.\n", wanted.c_str());
+                return nullptr;
+            }
+            if (!item->valuestring) {
+                quenda_trace("%s", null_trace);
+                return nullptr;
+            }
+            quenda_trace("Serial for device '%s': %s\n", wanted.c_str(), item->valuestring);
+            return item->valuestring;
+        };
+        const char *serial = text_item("serial", "serial is NULL");
+        if (!serial)
             return std::nullopt;
-        }
-        if (!serial_item->valuestring) {
-            quenda_trace("serial is NULL");
+        const char *model = text_item("model", "model is NULL");
+        if (!model)
             return std::nullopt;
-        }
-        quenda_trace("Serial for device '%s': %s\n", wanted.c_str(), serial_item->valuestring);
-        const cJSON *model_item = cJSON_GetObjectItemCaseSensitive(device, "model");
-        if (!cJSON_IsString(model_item)) {
-            quenda_trace("Serial for device '%s' is not a string or is NULL.\n", wanted.c_str());
-            return std::nullopt;
-        }
-        if (!model_item->valuestring) {
-            quenda_trace("model is NULL");
-            return std::nullopt;
-        }
-        quenda_trace("Serial for device '%s': %s\n", wanted.c_str(), model_item->valuestring);
 
         // One "-" for each blank, no collapsing, unlike the sysfs reader.
         auto dashed = [](const char *text) {
@@ -235,7 +235,7 @@ std::optional<std::string> lsblk_find_model_serial(const cJSON *tree, std::strin
             }
             return out;
         };
-        std::string identity = dashed(model_item->valuestring) + "_" + dashed(serial_item->valuestring);
+        std::string identity = dashed(model) + "_" + dashed(serial);
         if (identity.size() > kLineBuffer - 1)
             identity.resize(kLineBuffer - 1);
         return identity;

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "fixture.h"
+#include "results.h"
 
 namespace {
 
@@ -42,14 +43,6 @@ Outcome run(const std::string &command)
     return r;
 }
 
-std::vector<std::string> lines_of(const std::string &text)
-{
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);)
-        lines.push_back(line);
-    return lines;
-}
 
 const std::string kCli = TQ_CLI;
 
@@ -57,7 +50,7 @@ TEST(Cli, IdentityReportTextAndJsonAgree)
 {
     Outcome text = run(kCli + " identity");
     ASSERT_EQ(text.status, 0) << text.err;
-    std::vector<std::string> lines = lines_of(text.out);
+    std::vector<std::string> lines = tqtest::lines_of(text.out);
     ASSERT_FALSE(lines.empty());
     EXPECT_NE(text.out.find("\nSystem UUID:"), std::string::npos) << text.out;
 
@@ -111,9 +104,9 @@ TEST(Cli, UnprivilegedRunStillReports)
 
     Outcome nobody = run("/usr/bin/setpriv --reuid=65534 --regid=65534 --clear-groups " + kCli + " identity");
     EXPECT_EQ(nobody.status, 0) << nobody.err;
-    EXPECT_EQ(lines_of(nobody.out).size(), lines_of(as_root.out).size());
+    EXPECT_EQ(tqtest::lines_of(nobody.out).size(), tqtest::lines_of(as_root.out).size());
     // The only word about the log is the library's own, and only because it may not write there.
-    for (const std::string &line : lines_of(nobody.err)) {
+    for (const std::string &line : tqtest::lines_of(nobody.err)) {
         if (line.find("log") != std::string::npos) {
             EXPECT_EQ(line, "Open log file failed: Permission denied");
         }

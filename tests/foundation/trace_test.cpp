@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "fixture.h"
+#include "results.h"
 #include "foundation/os.h"
 #include "leak_check.h"
 #include "tavro-quenda.h"
@@ -45,14 +46,6 @@ std::string prefix_pattern()
 // Length of this process's line prefix: the stamp has a fixed width.
 size_t prefix_length() { return std::string(time_string()).size() + std::to_string(getpid()).size() + 5; }
 
-std::vector<std::string> split_lines(const std::string &log)
-{
-    std::vector<std::string> lines;
-    std::istringstream in(log);
-    for (std::string line; std::getline(in, line);)
-        lines.push_back(line);
-    return lines;
-}
 
 TEST(TimeString, DateMinuteSecondsAndMilliseconds)
 {
@@ -183,7 +176,7 @@ TEST(Trace, ConcurrentProcessesAndThreadsWriteWholeLines)
 
     std::regex line_re(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} \[\d+\]: worker (\d)/(\d) line (\d+) f{400} end)");
     std::map<std::string, int> seen;
-    auto lines = split_lines(fx.trace_log());
+    auto lines = tqtest::lines_of(fx.trace_log());
     ASSERT_EQ(lines.size(), size_t(kProcesses * kThreads * kLines));
     for (const std::string &line : lines) {
         std::smatch m;

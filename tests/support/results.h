@@ -3,6 +3,8 @@
 
 #include <cstdlib>
 #include <optional>
+#include <sstream>
+#include <vector>
 #include <string>
 #include <string_view>
 
@@ -28,6 +30,16 @@ inline std::optional<std::string> take_optional(char *owned)
 
 // An internal reader's answer: its text, or "<null>".
 inline std::string or_null(const std::optional<std::string> &text) { return text ? *text : "<null>"; }
+
+// The lines of a text, without their line ends.
+inline std::vector<std::string> lines_of(const std::string &text)
+{
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(line);
+    return lines;
+}
 
 inline bool contains(std::string_view text, std::string_view part) { return text.find(part) != std::string_view::npos; }
 
