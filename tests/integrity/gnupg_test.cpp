@@ -119,7 +119,7 @@ protected:
         fx_.mkdir("/home/gnupg");
         ::chmod(fx_.host("/home/gnupg").c_str(), 0700);
         ::setenv("GNUPGHOME", fx_.host("/home/gnupg").c_str(), 1);
-        leaks_.emplace();
+        leaks_.emplace(tqtest::gnupg_temp_prefixes());
     }
 
     void TearDown() override
