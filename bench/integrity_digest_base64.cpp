@@ -86,8 +86,12 @@ void BM_Base64Decode(benchmark::State &state)
     base64_encode(raw.data(), static_cast<uint32_t>(raw.size()), text.data(), &len);
     text.resize(len);
     std::vector<unsigned char> out(text.size());
-    for (auto _ : state)
-        benchmark::DoNotOptimize(base64_decode(text.c_str(), len, out.data(), &len));
+    uint32_t out_len = 0;
+    for (auto _ : state) {
+        if (base64_decode(text.c_str(), len, out.data(), &out_len) != 0 || out_len != raw.size())
+            state.SkipWithError("decode failed");
+        benchmark::DoNotOptimize(out.data());
+    }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(text.size()));
 }
 BENCHMARK(BM_Base64Decode)->Arg(48)->Arg(4096)->Arg(1 << 20);

@@ -32,7 +32,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (back == 0 && (plain_len > size || plain[plain_len] != '\0'))
         std::abort();
 
-    if (rc == 0 && std::strchr(bytes.c_str(), '%') == nullptr) {
+    if (rc == 0 && url_len > 0 && std::strchr(bytes.c_str(), '%') == nullptr) {
         std::unique_ptr<char[]> round(new char[url_len + 1]);
         uint32_t round_len = 0;
         if (transform_from_url(url.get(), static_cast<int32_t>(url_len), round.get(), &round_len) != 0 ||
