@@ -23,7 +23,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
-#include <vector>
+#include <new>
 
 #include "foundation/os.h"
 #include "foundation/strutil.h"
