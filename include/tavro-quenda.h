@@ -179,7 +179,8 @@ TAVRO_QUENDA_API int file_check_sha1(const char *path, const char *expected_hex)
 TAVRO_QUENDA_API int file_check_md5(const char *path, const char *expected_hex) TAVRO_QUENDA_NOEXCEPT;
 /* SHA-256 of message without its terminator into digest[32]. */
 TAVRO_QUENDA_API bool compute_sha256(const char *message, unsigned char *digest) TAVRO_QUENDA_NOEXCEPT;
-/* PKCS #1 "RSA PUBLIC KEY" PEM; release with RSA_free(). */
+/* PKCS #1 "RSA PUBLIC KEY" PEM; release with RSA_free() (deprecated in
+ * OpenSSL 3: callers that use it define OPENSSL_API_COMPAT=0x10100000L). */
 TAVRO_QUENDA_API RSA *load_public_key(const char *path) TAVRO_QUENDA_NOEXCEPT;
 /* 1 for a good RSA-SHA256 PKCS #1 v1.5 signature (Base64) by /etc/tavro-quenda/public.pem. */
 TAVRO_QUENDA_API int verify_signature(const char *message, const char *signature_b64) TAVRO_QUENDA_NOEXCEPT;
