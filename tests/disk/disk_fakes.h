@@ -1,6 +1,8 @@
-// Fakes shared by the disk tests: an ATA identify answer for one device node.
+// Shared by the disk tests: a fixture tree checked for leaks, an ATA identify
+// answer, device-mapper nodes and libblkid's whole-disk answer.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <linux/hdreg.h>
 #include <unistd.h>
 
@@ -9,8 +11,21 @@
 #include <string>
 
 #include "foundation/os.h"
+#include "support/fixture.h"
+#include "support/leak_check.h"
 
 namespace disktest {
+
+// A recorded machine; the test fails if it leaves a descriptor or a child behind.
+class Machine : public ::testing::Test {
+protected:
+    void TearDown() override { EXPECT_TRUE(leaks.clean()); }
+    tqtest::Fixture fx;
+    tqtest::LeakCheck leaks;
+};
+
+inline constexpr char kSmartctl[] = "/usr/sbin/smartctl";
+inline constexpr char kDmsetup[] = "/usr/sbin/dmsetup";
 
 // Makes HDIO_GET_IDENTITY answer model and serial (padded with blanks, as
 // drives report them) for descriptors open on a file whose path ends in
@@ -18,24 +33,34 @@ namespace disktest {
 inline void fake_ata_identity(std::string node_suffix, std::string model, std::string serial)
 {
     tq::os::testing::set_ioctl([=](int fd, unsigned long request, void *arg) {
-        char link[64], target[PATH_MAX] = {};
-        std::snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
-        ssize_t n = ::readlink(link, target, sizeof(target) - 1);
+        char target[PATH_MAX] = {};
+        ssize_t n = ::readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), target, sizeof(target) - 1);
         std::string path(target, n > 0 ? static_cast<size_t>(n) : 0);
-        bool match = path.size() >= node_suffix.size() &&
-                     path.compare(path.size() - node_suffix.size(), node_suffix.size(), node_suffix) == 0;
-        if (request != HDIO_GET_IDENTITY || !match) {
+        if (request != HDIO_GET_IDENTITY || !path.ends_with(node_suffix)) {
             errno = ENOTTY;
             return -1;
         }
-        unsigned char *id = static_cast<unsigned char *>(arg);
+        char *id = static_cast<char *>(arg);
         std::memset(id, 0, 512);
         std::memset(id + 20, ' ', 20);
-        std::memcpy(id + 20, serial.data(), std::min<size_t>(serial.size(), 20));
         std::memset(id + 54, ' ', 40);
-        std::memcpy(id + 54, model.data(), std::min<size_t>(model.size(), 40));
+        serial.copy(id + 20, 20);
+        model.copy(id + 54, 40);
         return 0;
     });
+}
+
+// /dev/mapper/<name> as a link to the block device /dev/<dm>.
+inline void mapping(tqtest::Fixture &fx, const std::string &name, const std::string &dm = "dm-0")
+{
+    fx.block_device("/dev/" + dm);
+    fx.symlink("../" + dm, "/dev/mapper/" + name);
+}
+
+// libblkid calls only `disk` a whole disk.
+inline void whole_disk(std::string disk)
+{
+    tq::os::testing::set_whole_disk([disk](const char *path) { return disk == path ? 1 : 0; });
 }
 
 } // namespace disktest

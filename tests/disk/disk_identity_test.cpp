@@ -1,149 +1,121 @@
 // The system disk identity, end to end over recorded machines.
-#include <gtest/gtest.h>
-
-#include <memory>
-#include <string>
-
 #include "disk_fakes.h"
-#include "foundation/os.h"
-#include "foundation/strutil.h"
-#include "support/fixture.h"
-#include "support/leak_check.h"
 #include "support/results.h"
 #include "tavro-quenda.h"
 
 namespace {
 
+using disktest::kDmsetup;
+using disktest::kSmartctl;
+using Calls = std::vector<std::string>;
+
 std::string identity() { return tqtest::take(tavro_quenda_get_harddisk_id()); }
 
-std::string corpus(const std::string &name) { return tqtest::read_file(tqtest::corpus(name)); }
+class SystemDisk : public disktest::Machine {
+protected:
+    // The root file system is on the block device `root`.
+    void root_on(const std::string &root)
+    {
+        fx.block_device(root);
+        fx.write("/proc/mounts", "rootfs / rootfs rw 0 0\n" + root + " / ext4 rw,relatime 0 0\n");
+    }
+    // A root logical volume /dev/mapper/centos-root over the physical volume pv.
+    void lvm_machine(const std::string &pv)
+    {
+        disktest::mapping(fx, "centos-root");
+        root_on("/dev/mapper/centos-root");
+        fx.program("/bin/lsblk", "lvm\n");
+        fx.program("/sbin/lvdisplay",
+                   tqtest::read_file(tqtest::corpus("lvm/lvdisplay-centos7-swap-root-missing-pv-warning.txt")));
+        fx.program("/sbin/pvdisplay", "  --- Physical volume ---\n  PV Name               " + pv +
+                                          "\n  VG Name               centos\n  PV Size               49.51 GiB\n");
+        // smartctl knows the disk but reports no serial for the logical volume itself.
+        fx.script(kSmartctl, "case \"$2\" in\n*/dm-0) echo 'Product: LOGICAL VOLUME' ;;\n*) cat '" +
+                                 tqtest::corpus("smartctl/ata-hdd-seagate-oem-oos12000g.txt") + "' ;;\nesac");
+    }
+};
 
-TEST(SystemDisk, SataPartitionByAtaIdentify)
+TEST_F(SystemDisk, SataPartitionByAtaIdentify)
 {
-    tqtest::Fixture fx;
-    tqtest::LeakCheck leaks;
-    fx.block_device("/dev/sda2");
-    fx.write("/proc/mounts", "rootfs / rootfs rw 0 0\n/dev/sda2 / ext4 rw,relatime 0 0\n");
+    root_on("/dev/sda2");
     disktest::fake_ata_identity("/dev/sda2", "WDC WD10EZEX-08WN4A0", "WD-WCC6Y1234567");
-    fx.program("/usr/sbin/smartctl", "Device Model: other\nSerial Number: other\n");
+    fx.program(kSmartctl, "Device Model: other\nSerial Number: other\n");
     EXPECT_EQ(identity(), "WDCWD10EZEX-08WN4A0_WD-WCC6Y1234567");
     EXPECT_TRUE(tqtest::contains(fx.trace_log(), "tavro_quenda_get_harddisk_id: WDCWD10EZEX-08WN4A0_WD-WCC6Y1234567"));
-    // The first answer stands: smartctl is never asked.
-    EXPECT_TRUE(fx.calls("/usr/sbin/smartctl").empty());
-    EXPECT_TRUE(leaks.clean());
+    EXPECT_TRUE(fx.calls(kSmartctl).empty()); // the first answer stands
 }
 
-TEST(SystemDisk, NvmeBySysfs)
+TEST_F(SystemDisk, NvmeBySysfs)
 {
-    tqtest::Fixture fx;
-    fx.block_device("/dev/nvme0n1p2");
-    fx.write("/proc/mounts", "/dev/nvme0n1p2 / ext4 rw 0 0\n");
+    root_on("/dev/nvme0n1p2");
     fx.write("/sys/block/nvme0n1/device/model", "Samsung SSD 980 1TB                     \n");
     fx.write("/sys/block/nvme0n1/device/serial", "        S64ANS0T123456\n");
     EXPECT_EQ(identity(), "Samsung-SSD-980-1TB_S64ANS0T123456");
 }
 
-TEST(SystemDisk, ByUuidRootFallsThroughToSmartctl)
+TEST_F(SystemDisk, ByUuidRootFallsThroughToSmartctl)
 {
-    tqtest::Fixture fx;
-    tqtest::LeakCheck leaks;
     fx.block_device("/dev/sda1");
     fx.symlink("../../sda1", "/dev/disk/by-uuid/0a1b-2c3d");
     fx.write("/proc/mounts", "/dev/root / ext4 rw 0 0\n");
     fx.write("/proc/cmdline", "console=ttyS0 root=UUID=0a1b-2c3d rootwait\n");
-    // A USB bridge: the ATA identify ioctl has nothing to say.
-    disktest::fake_ata_identity("/nothing", "", "");
-    fx.program("/usr/sbin/smartctl", corpus("smartctl/usb-sat-asmedia-asmt106x-bridge-name-as-model.txt"));
+    // The ATA reader opens /dev/<uuid>, which does not exist: the disk's own
+    // ATA answer is never seen, and smartctl reads the USB bridge.
+    disktest::fake_ata_identity("/dev/sda1", "ATA", "ANSWER");
+    fx.program(kSmartctl, tqtest::read_file(tqtest::corpus("smartctl/usb-sat-asmedia-asmt106x-bridge-name-as-model.txt")));
     EXPECT_EQ(identity(), "ASMT106x_V0Safe_--");
-    EXPECT_TRUE(tqtest::contains(fx.trace_log(), "device :/dev/0a1b-2c3d"));
-    EXPECT_EQ(fx.calls("/usr/sbin/smartctl"), std::vector<std::string>{"-i " + fx.host("/dev/sda1")});
-    EXPECT_TRUE(leaks.clean());
+    EXPECT_EQ(fx.calls(kSmartctl), Calls{"-i " + fx.host("/dev/sda1")});
 }
 
-TEST(SystemDisk, DeviceMapperOnAWholeDiskAnswersTheNodePath)
+TEST_F(SystemDisk, DeviceMapperOnAWholeDiskAnswersTheNodePath)
 {
-    tqtest::Fixture fx;
-    tqtest::LeakCheck leaks;
-    fx.block_device("/dev/dm-0");
-    fx.symlink("../dm-0", "/dev/mapper/root");
+    disktest::mapping(fx, "root");
+    root_on("/dev/mapper/root");
     fx.block_device("/dev/sda");
-    fx.write("/proc/mounts", "/dev/mapper/root / ext4 rw 0 0\n");
-    fx.program("/usr/sbin/dmsetup", " 1 dependencies  : (sda)\n");
-    tq::os::testing::set_whole_disk([](const char *path) { return std::string(path) == "/dev/sda" ? 1 : 0; });
+    fx.program(kDmsetup, " 1 dependencies  : (sda)\n");
+    disktest::whole_disk("/dev/sda");
     EXPECT_EQ(identity(), "/dev/sda");
-    EXPECT_TRUE(tqtest::contains(fx.trace_log(), "tavro_quenda_get_harddisk_id: /dev/sda"));
-    EXPECT_TRUE(leaks.clean());
+    EXPECT_EQ(fx.calls(kDmsetup), Calls{"deps -o devname " + fx.host("/dev/dm-0")});
 }
 
-// A root logical volume /dev/mapper/<lv> over the partition /dev/<pv>.
-void lvm_machine(tqtest::Fixture &fx, const std::string &lv, const std::string &pv_name)
+TEST_F(SystemDisk, LogicalVolumeOverAPartition)
 {
-    fx.block_device("/dev/dm-0");
-    fx.symlink("../dm-0", "/dev/mapper/" + lv);
-    fx.write("/proc/mounts", "/dev/mapper/" + lv + " / xfs rw 0 0\n");
-    fx.program("/bin/lsblk", "lvm\n");
-    fx.program("/sbin/lvdisplay", corpus("lvm/lvdisplay-centos7-swap-root-missing-pv-warning.txt"));
-    fx.program("/sbin/pvdisplay", "  --- Physical volume ---\n  PV Name               " + pv_name +
-                                      "\n  VG Name               centos\n  PV Size               49.51 GiB\n");
-    // smartctl knows the disk but reports no serial for the logical volume itself.
-    fx.script("/usr/sbin/smartctl", "case \"$2\" in\n"
-                                    "*/dm-0) echo 'Product: LOGICAL VOLUME' ;;\n"
-                                    "*) cat '" + tqtest::corpus("smartctl/ata-hdd-seagate-oem-oos12000g.txt") +
-                                        "' ;;\nesac");
-}
-
-TEST(SystemDisk, LogicalVolumeOverAPartition)
-{
-    tqtest::Fixture fx;
-    tqtest::LeakCheck leaks;
-    lvm_machine(fx, "centos-root", "/dev/sda2");
+    lvm_machine("/dev/sda2");
     fx.block_device("/dev/sda2");
-    fx.program("/usr/sbin/dmsetup", "1 dependencies  : (sda2)\n");
+    fx.program(kDmsetup, "1 dependencies  : (sda2)\n");
     EXPECT_EQ(identity(), "OOS12000G_00008AXB");
-    // The device-mapper route found a partition and fell to the ATA reader,
-    // which opened /dev/<mapping name>.
-    EXPECT_TRUE(tqtest::contains(fx.trace_log(), "physicalDiskNode: /dev/sda2"));
-    EXPECT_TRUE(tqtest::contains(fx.trace_log(), "device :/dev/centos-root"));
-    EXPECT_EQ(fx.calls("/usr/sbin/smartctl"),
-              (std::vector<std::string>{"-i " + fx.host("/dev/dm-0"), "-i " + fx.host("/dev/sda2")}));
-    EXPECT_EQ(fx.calls("/bin/lsblk"), std::vector<std::string>{"-n -o TYPE " + fx.host("/dev/mapper/centos-root")});
-    EXPECT_TRUE(leaks.clean());
+    // The device-mapper route found a partition whose ATA reader failed,
+    // smartctl found no serial on the volume, and the LVM route asked about the PV.
+    EXPECT_EQ(fx.calls(kDmsetup).size(), 1u);
+    EXPECT_EQ(fx.calls(kSmartctl), (Calls{"-i " + fx.host("/dev/dm-0"), "-i " + fx.host("/dev/sda2")}));
+    EXPECT_EQ(fx.calls("/bin/lsblk"), Calls{"-n -o TYPE " + fx.host("/dev/mapper/centos-root")});
 }
 
-TEST(SystemDisk, LogicalVolumeOnAnEncryptedPhysicalVolume)
+TEST_F(SystemDisk, LogicalVolumeOnAnEncryptedPhysicalVolume)
 {
-    tqtest::Fixture fx;
-    lvm_machine(fx, "centos-root", "/dev/mapper/sda3_crypt");
+    lvm_machine("/dev/mapper/sda3_crypt");
     fx.block_device("/dev/sda3");
-    fx.block_device("/dev/dm-1");
-    fx.symlink("../dm-1", "/dev/mapper/sda3_crypt");
-    fx.program("/usr/sbin/dmsetup", "1 dependencies  : (dm-1)\n");
-    tq::os::testing::set_whole_disk([](const char *) { return 0; });
+    disktest::mapping(fx, "sda3_crypt", "dm-1");
+    fx.program(kDmsetup, "1 dependencies  : (dm-1)\n");
+    disktest::whole_disk("/dev/none");
     EXPECT_EQ(identity(), "OOS12000G_00008AXB");
-    EXPECT_EQ(fx.calls("/usr/sbin/smartctl").back(), "-i " + fx.host("/dev/sda3"));
+    EXPECT_EQ(fx.calls(kSmartctl).back(), "-i " + fx.host("/dev/sda3"));
 }
 
-TEST(SystemDisk, NothingFound)
+TEST_F(SystemDisk, NothingFound)
 {
-    tqtest::Fixture fx;
-    tqtest::LeakCheck leaks;
-    // No root device at all: no getter trace.
     fx.write("/proc/mounts", "rootfs / rootfs rw 0 0\n");
     fx.write("/proc/cmdline", "root=PARTUUID=0001-02\n");
-    EXPECT_EQ(identity(), "<null>");
-    EXPECT_FALSE(tqtest::contains(fx.trace_log(), "tavro_quenda_get_harddisk_id"));
-
-    // A root device that no route can identify: a virtio disk without
-    // smartctl, and lsblk calls it a plain disk.
-    fx.block_device("/dev/vda");
-    fx.write("/proc/mounts", "/dev/vda / ext4 rw 0 0\n");
+    EXPECT_EQ(identity(), "<null>"); // no root device at all
+    // A virtio disk without smartctl that lsblk calls a plain disk, or with
+    // no lsblk answer (so the LVM route runs) and no LVM tools.
+    root_on("/dev/vda");
     fx.program("/bin/lsblk", "disk\n");
     EXPECT_EQ(identity(), "<null>");
-    // With no lsblk answer the LVM route is tried, and finds no LVM tools.
     fx.program("/bin/lsblk", "");
     EXPECT_EQ(identity(), "<null>");
+    EXPECT_EQ(fx.calls("/bin/lsblk").size(), 2u);
     EXPECT_FALSE(tqtest::contains(fx.trace_log(), "tavro_quenda_get_harddisk_id"));
-    EXPECT_TRUE(leaks.clean());
 }
 
 } // namespace
