@@ -3,11 +3,9 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/wait.h>
 
 #include <cstdio>
-#include <filesystem>
 #include <fstream>
 #include <random>
 #include <sstream>
@@ -16,56 +14,22 @@
 
 namespace tqtest {
 
-// A private directory under /tmp, removed with everything in it.
-class TempDir {
-public:
-    TempDir()
-    {
-        char tmpl[] = "/tmp/tq-integrity-XXXXXX";
-        if (!::mkdtemp(tmpl))
-            throw std::runtime_error("mkdtemp failed");
-        path_ = tmpl;
-    }
-    ~TempDir()
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
-
-    std::string operator/(const std::string &name) const { return path_ + "/" + name; }
-    const std::string &path() const { return path_; }
-
-private:
-    std::string path_;
-};
-
-struct ToolRun {
-    int status = -1;
+// Runs a /bin/sh command line and returns its standard output; a non-zero
+// exit status fails the test.
+inline std::string run(const std::string &command)
+{
     std::string out;
-};
-
-// Runs a /bin/sh command line; its standard output and exit status.
-inline ToolRun run(const std::string &command)
-{
-    ToolRun r;
     FILE *p = ::popen(command.c_str(), "re");
-    if (!p)
-        return r;
+    if (!p) {
+        ADD_FAILURE() << "cannot run " << command;
+        return out;
+    }
     char buf[4096];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, p)) > 0)
-        r.out.append(buf, n);
+    for (size_t n; (n = std::fread(buf, 1, sizeof buf, p)) > 0;)
+        out.append(buf, n);
     int st = ::pclose(p);
-    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    return r;
-}
-
-inline void write_bytes(const std::string &path, const std::string &bytes)
-{
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0) << command;
+    return out;
 }
 
 inline std::string from_hex(const std::string &hex)
@@ -73,17 +37,6 @@ inline std::string from_hex(const std::string &hex)
     std::string out;
     for (size_t i = 0; i + 1 < hex.size(); i += 2)
         out += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-    return out;
-}
-
-inline std::string to_hex(const std::string &bytes)
-{
-    static const char digits[] = "0123456789abcdef";
-    std::string out;
-    for (unsigned char c : bytes) {
-        out += digits[c >> 4];
-        out += digits[c & 15];
-    }
     return out;
 }
 
@@ -96,26 +49,20 @@ inline std::string random_bytes(size_t n, unsigned seed)
     return out;
 }
 
-// Rows of a tab-separated file, header dropped.
+// Rows of a tab-separated file, header dropped; a trailing tab ends an empty field.
 inline std::vector<std::vector<std::string>> read_tsv(const std::string &path)
 {
     std::ifstream in(path);
     std::vector<std::vector<std::string>> rows;
     std::string line;
-    bool header = true;
+    std::getline(in, line);
     while (std::getline(in, line)) {
-        if (header) {
-            header = false;
-            continue;
-        }
-        std::vector<std::string> fields;
+        std::vector<std::string> &fields = rows.emplace_back();
         std::stringstream ss(line);
-        std::string field;
-        while (std::getline(ss, field, '\t'))
+        for (std::string field; std::getline(ss, field, '\t');)
             fields.push_back(field);
         if (!line.empty() && line.back() == '\t')
             fields.emplace_back();
-        rows.push_back(fields);
     }
     return rows;
 }
