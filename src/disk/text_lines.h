@@ -70,10 +70,4 @@ inline bool read_all(FILE *stream, std::string &out)
 // At most the first n bytes of text.
 inline std::string_view cut(std::string_view text, size_t n) { return text.substr(0, std::min(n, text.size())); }
 
-// A C-boundary copy of text, or null.
-inline char *dup_optional(const std::optional<std::string> &text) noexcept
-{
-    return text ? dup_c(*text) : nullptr;
-}
-
 } // namespace tq

@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -18,6 +19,12 @@ inline char *dup_c(std::string_view text) noexcept
     std::memcpy(copy, text.data(), text.size());
     copy[text.size()] = '\0';
     return copy;
+}
+
+// A C-boundary copy of an optional answer; null for none.
+inline char *dup_optional(const std::optional<std::string> &text) noexcept
+{
+    return text ? dup_c(*text) : nullptr;
 }
 
 // Runs body and turns any exception (allocation failure, mostly) into the

@@ -17,24 +17,21 @@ constexpr char kModelFile[] = "/sys/class/dmi/id/product_sku";
 constexpr char kVendorCommand[] = "/usr/sbin/dmidecode -t 1 |grep -i 'Family' |awk '{print $2}'";
 constexpr char kModelCommand[] = "/usr/sbin/dmidecode -t 1 |grep -i 'Version' |awk '{print $2}'";
 
+// One fact read by reader (a file or a dmidecode command line) for the C boundary.
+template <typename Reader>
+char *fact_from(Reader reader, const char *source) noexcept
+{
+    return guarded<char *>(nullptr, [&]() -> char * { return source ? dup_optional(reader(source)) : nullptr; });
+}
+
 char *fact_from_file(const char *path) noexcept
 {
-    return guarded<char *>(nullptr, [path]() -> char * {
-        if (!path)
-            return nullptr;
-        std::optional<std::string> line = read_fact_file(path);
-        return line ? dup_c(*line) : nullptr;
-    });
+    return fact_from([](const char *p) { return read_fact_file(p); }, path);
 }
 
 char *fact_from_command(const char *command) noexcept
 {
-    return guarded<char *>(nullptr, [command]() -> char * {
-        if (!command)
-            return nullptr;
-        std::optional<std::string> line = read_dmidecode_fact(command);
-        return line ? dup_c(*line) : nullptr;
-    });
+    return fact_from([](const char *c) { return read_dmidecode_fact(c); }, command);
 }
 
 // sysfs first; only a missing answer (not an empty one) leads to dmidecode.

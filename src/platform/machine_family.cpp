@@ -127,7 +127,7 @@ char *hw_oem_info(void) noexcept
 {
     return tq::guarded<char *>(nullptr, []() -> char * {
         std::optional<std::string> text = tq::oem_text();
-        return text ? tq::dup_c(*text) : nullptr;
+        return tq::dup_optional(text);
     });
 }
 

@@ -55,7 +55,7 @@ char *system_uuid(void) noexcept
         std::optional<std::string> uuid = tq::read_uuid_file(tq::kSysfsUuid);
         if (!uuid)
             uuid = tq::read_uuid_dmidecode();
-        return uuid ? tq::dup_c(*uuid) : nullptr;
+        return tq::dup_optional(uuid);
     });
 }
 
