@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // A recorded machine for the library to read: a directory tree that the OS
 // gateway treats as "/", fake helper programs that print recorded output and
 // log how they were called, and fake block devices.
@@ -10,7 +11,7 @@
 
 namespace tqtest {
 
-// Path of a file under the shared corpus of real machines' outputs.
+// Path of a file under tests/data/corpus, the recorded outputs of real machines.
 std::string corpus(std::string_view relative);
 // Whole content of a host file ("" when it cannot be read).
 std::string read_file(const std::string &host_path);
