@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Digest checks on a large file (page cache warm after the first pass) and
 // Base64 both ways. With the environment variable TQ_DIGEST_FILE and the
 // argument --digest-once, it instead runs file_check_sha256 once on that file

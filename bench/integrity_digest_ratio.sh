@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: LGPL-2.1-or-later
 # Times file_check_sha256 against `openssl dgst -sha256` on the same 1 GiB
 # file in the page cache, several rounds each, and prints the ratio of the
 # best times. Usage: integrity_digest_ratio.sh <path of bench_integrity> [rounds]

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // What the cache of gpg_verify_cmd_cached saves: a hit against a miss for a
 // small signed file, and one gpg_verify_cmd against one plain "gpg --verify".
 // Temporary homes, files and the trace log live in a private tree, and GnuPG

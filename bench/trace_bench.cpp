@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Trace lines per second, from one thread and from several at once. The log
 // goes to a temporary tree, not to /var/log.
 #include <benchmark/benchmark.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // "tavro-quenda identity": this machine's identity report.
 #include <cjson/cJSON.h>
 

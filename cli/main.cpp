@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // tavro-quenda: command-line front end of libtavro-quenda.
 #include <cstdio>
 #include <cstring>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // "tavro-quenda verify" and "tavro-quenda encrypt": OpenPGP checks and
 // encryption against the key built into the library.
 #include <cstdint>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Arbitrary kernel command lines: the answer never outgrows its 4095-byte buffer.
 #include <cstdint>
 #include <cstdlib>

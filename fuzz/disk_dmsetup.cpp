@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Arbitrary "dmsetup deps" output: a dependency name is cleaned and bounded.
 #include <cstdint>
 #include <cstdlib>

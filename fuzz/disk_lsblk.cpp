@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Arbitrary lsblk JSON through both readers of it: the root-disk finder and
 // the model/serial lookup (the first input line names the device sought).
 #include <cstdint>

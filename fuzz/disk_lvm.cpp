@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Arbitrary lvdisplay and pvdisplay reports (split at the first zero byte):
 // values come out cleaned and bounded.
 #include <cstdint>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Arbitrary mount tables: the root entry, when one is chosen, is a "/" line's source.
 #include <cstdint>
 #include <cstdlib>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Arbitrary smartctl reports: an identity has two non-empty halves of at most
 // 510 bytes, with no blank or line feed left in them.
 #include <cstdint>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Feeds arbitrary bytes to the in-place string cleaners and find_string, and
 // checks what each promises: nothing grows, removed bytes are gone, order kept.
 #include <cstdint>

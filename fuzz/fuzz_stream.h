@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Hands a fuzzer's bytes to a parser that reads a FILE*.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Arbitrary files as encrypted records: reading never overruns and always
 // yields a C string inside the record buffer, or null.
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Arbitrary text through the strict and lenient Base64 decoders: the strict
 // one either refuses with its code or decodes into in_len bytes, and what it
 // accepts re-encodes to the same text.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Feeds arbitrary text to extract_signed_message with a body buffer exactly as
 // long as the text, and checks what it promises: a body cut out of the text
 // right before a signature marker, with its length, or -1.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Arbitrary bytes as a key file: loading either fails or gives an object that
 // serialises, reloads and saves without harm.
 #include <unistd.h>

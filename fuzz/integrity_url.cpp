@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Arbitrary text through both URL transforms, each writing into a buffer of
 // exactly the size it is allowed to need; accepted Base64-alphabet text comes
 // back unchanged from the round trip.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Feeds arbitrary bytes to the bonding status file parser and checks what a
 // slave record promises: a short, blank-free name and one lower-case address
 // in both address fields.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Feeds arbitrary bytes to the Kirin 990/9006C/9A0 recogniser of cpuinfo and
 // checks its answer against a plain reading of the same lines.
 #include <cstdint>

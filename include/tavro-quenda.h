@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 /*
  * libtavro-quenda: machine identity and small-file protection for Linux.
  *

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: LGPL-2.1-or-later
 # Installs the Debian packages that building and testing libtavro-quenda needs,
 # when they are missing. Runs apt-get as root, or through sudo.
 #   --fuzz   also the clang toolchain for the libFuzzer targets

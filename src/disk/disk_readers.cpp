@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 #include "disk/disk_readers.h"
 
 #include <cjson/cJSON.h>

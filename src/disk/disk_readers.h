@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Readers of the disk identity "MODEL_SERIAL" (internal).
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // The disk under a device-mapper device or an LVM logical volume (internal).
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Finding the block device that holds the root file system (internal).
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Reading helper output the way the disk readers see it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // The library's one gateway to the operating system.
 //
 // Every read of /proc, /sys, /dev, /etc and /var/log, every helper program and

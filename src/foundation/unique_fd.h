@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Move-only owner of a file descriptor.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Small text records kept on disk under AES-128-CBC with the library's fixed
 // key and IV, zero-padded after the text's NUL. Equal texts give equal
 // ciphertexts by design: the records are obscured, not authenticated.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Base64 through OpenSSL's filter BIO (always one unbroken line), and the
 // percent-escaped form of it that travels safely in a URL query.
 #include "integrity/base64.h"

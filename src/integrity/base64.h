@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Internal pieces of the Base64 family: the validators the strict decoder and
 // the URL transforms run before touching their input.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // File digests compared with an expected hex text, and RSA-SHA256 (PKCS #1
 // v1.5) signature checks against the provisioned PEM key.
 //

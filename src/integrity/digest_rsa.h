@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Internal pieces of the digest and RSA family.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // OpenPGP verification through the gpg tool (with a small cache of results)
 // and through GPGME, and encryption to the compiled-in key through GPGME.
 #include "integrity/gnupg.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // OpenPGP verification and encryption bound to the one compiled-in key:
 // internal pieces behind gpg_verify_cmd, gpg_verify_cmd_cached, gpg_verify and
 // gpg_encrypt.

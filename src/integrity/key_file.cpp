@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // INI key files through GLib's GKeyFile, with comments and translations kept,
 // and a save that leaves the file alone when its bytes would not change.
 #include <glib.h>

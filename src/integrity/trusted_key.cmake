@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: LGPL-2.1-or-later
 # The one OpenPGP key the library trusts is compiled in. A small tool built
 # first reads the key packet for the fingerprint, key ID and creation time and
 # writes them, with the key's bytes, into a generated header.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Build-time tool: reads the binary OpenPGP public key the library is to
 // trust and writes a header with its bytes, fingerprint, long key ID and
 // creation time, all taken from the key packet itself so nothing is typed by

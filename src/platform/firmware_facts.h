@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Firmware (SMBIOS type 1) facts: serial number, vendor, model (internal).
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Machine families (Kirin SoCs, Lenovo/KaiTian) and the OEM text (internal).
 #pragma once
 

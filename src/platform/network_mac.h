@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Largest permanent MAC of the wired NICs and bonding slaves (internal).
 #pragma once
 

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: LGPL-2.1-or-later
 # Installs the build into a scratch prefix, compiles consumer.c as C against
 # the installed header through pkg-config, and runs it.
 set -euo pipefail

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: LGPL-2.1-or-later
 # Compares the dynamic symbol table of the shared library with the list of
 # names that must be exported, and that list with the public header.
 set -euo pipefail

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 /* A plain C user of the library: includes the public header and links
  * through pkg-config. */
 #include <tavro-quenda.h>

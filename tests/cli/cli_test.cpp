@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // The tavro-quenda tool as its users run it.
 #include <sys/wait.h>
 #include <unistd.h>

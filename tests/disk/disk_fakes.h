@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Shared by the disk tests: a fixture tree checked for leaks, an ATA identify
 // answer, device-mapper nodes and libblkid's whole-disk answer.
 #pragma once

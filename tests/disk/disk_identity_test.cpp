@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // The system disk identity, end to end over recorded machines.
 #include "disk_fakes.h"
 #include "support/results.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 #include "disk/root_device.h"
 
 #include <sys/stat.h>

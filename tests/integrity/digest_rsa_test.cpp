@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // load_public_key hands out an RSA *, released with RSA_free: use the API
 // level that declares it without deprecation.
 #define OPENSSL_API_COMPAT 0x10100000L

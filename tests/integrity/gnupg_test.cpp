@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // OpenPGP verification and encryption against the real gpg, with the
 // development key the default build embeds.
 #include <gtest/gtest.h>

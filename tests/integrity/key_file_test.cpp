@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 #include <glib.h>
 #include <gtest/gtest.h>
 #include <fcntl.h>

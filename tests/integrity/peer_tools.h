@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Small helpers for checking the integrity family against real tools and
 // published vectors.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Checks that a call left nothing behind: no descriptor, no child process, no
 // temporary file.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // A fake /usr/sbin/dmidecode that replays a dmidecode report recorded on a
 // real machine, so that the library's pipelines run the real grep and awk on
 // what that machine printed.

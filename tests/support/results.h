@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Small helpers for checking what library calls hand back.
 #pragma once
 
