@@ -13,6 +13,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 namespace tq::os {
 namespace {
@@ -214,6 +215,57 @@ std::string shell_quote(std::string_view text)
     }
     out += '\'';
     return out;
+}
+
+UniqueFD open_input(const char *path, InputKind kind) noexcept
+{
+    UniqueFD fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
+    if (!fd)
+        return fd;
+    struct stat st;
+    if (::fstat(fd.get(), &st) != 0)
+        return UniqueFD();
+    bool ok = S_ISREG(st.st_mode) || (kind == InputKind::regular_or_block && S_ISBLK(st.st_mode));
+    int flags = ::fcntl(fd.get(), F_GETFL);
+    if (!ok || flags < 0 || ::fcntl(fd.get(), F_SETFL, flags & ~O_NONBLOCK) != 0) {
+        if (!ok)
+            errno = EINVAL;
+        return UniqueFD();
+    }
+    return fd;
+}
+
+bool read_bounded(int fd, size_t max, std::string *out) noexcept
+{
+    try {
+        std::string data;
+        char buf[65536];
+        for (;;) {
+            ssize_t n = ::read(fd, buf, sizeof(buf));
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n < 0)
+                return false;
+            if (n == 0)
+                break;
+            if (data.size() + static_cast<size_t>(n) > max) {
+                errno = EFBIG;
+                return false;
+            }
+            data.append(buf, static_cast<size_t>(n));
+        }
+        *out = std::move(data);
+        return true;
+    } catch (const std::bad_alloc &) {
+        errno = ENOMEM;
+        return false;
+    }
+}
+
+bool read_input(const char *path, size_t max, std::string *out) noexcept
+{
+    UniqueFD fd = open_input(path);
+    return fd && read_bounded(fd.get(), max, out);
 }
 
 std::string path_arg(std::string_view path) { return shell_quote(host_path(path)); }

@@ -105,6 +105,21 @@ UniqueFD mkstemp(char *tmpl) noexcept;
 // A path string for libraries that open paths themselves (GLib, libblkid).
 std::string host_path(std::string_view path);
 
+// ---- caller-named files ----------------------------------------------------
+// A path a caller hands in may name a FIFO, a character device or a huge file.
+// open_input() opens it without blocking, insists on a regular file (or, with
+// regular_or_block, also a block device: a disk image is worth a digest) and
+// then turns blocking back on. Failure: an empty UniqueFD with errno set
+// (EINVAL for the wrong kind of file).
+enum class InputKind { regular, regular_or_block };
+UniqueFD open_input(const char *path, InputKind kind = InputKind::regular) noexcept;
+// Reads fd to its end into *out, at most max bytes; more than that is EFBIG.
+// /proc files report size 0, so the size is never trusted. On failure *out is
+// untouched and errno is set.
+bool read_bounded(int fd, size_t max, std::string *out) noexcept;
+// open_input() then read_bounded().
+bool read_input(const char *path, size_t max, std::string *out) noexcept;
+
 // ---- helper programs -------------------------------------------------------
 // Single-quotes text for /bin/sh so that no character in it is interpreted.
 std::string shell_quote(std::string_view text);
