@@ -179,26 +179,15 @@ std::optional<std::string> dm_dependency_name(const char *path)
     const char *argv[] = {kDmsetup, "deps", "-o", "devname", device.c_str(), nullptr};
     const char *failed_step = nullptr;
     os::Child child = os::spawn(argv, &failed_step);
-    if (child.pid < 0) {
+    if (!child.started) {
         quenda_trace(failed_step && std::strcmp(failed_step, "fork") == 0 ? "fork error." : "pipe error.");
         return std::nullopt;
     }
-    std::string output;
-    char buf[kDmsetupReadMax];
-    while (output.size() < kDmsetupReadMax) {
-        ssize_t n = ::read(child.out.get(), buf, kDmsetupReadMax - output.size());
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            break;
-        output.append(buf, static_cast<size_t>(n));
-    }
-    // Closing first lets a child with more to say finish instead of blocking.
-    child.out.reset();
+    // Only the start of the report counts.
+    std::string output(cut(child.out, kDmsetupReadMax));
     DmDeps deps = parse_dmsetup_deps(output);
     if (deps.none)
         quenda_trace("cannot found deps");
-    os::wait_child(child.pid);
     if (deps.none || deps.name.empty())
         return std::nullopt;
     return deps.name;

@@ -5,15 +5,21 @@
 #include <cdio/cdio.h>
 #include <cdio/device.h>
 #include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <new>
+
+extern char **environ;
 
 namespace tq::os {
 namespace {
@@ -26,6 +32,7 @@ struct Hooks {
     std::function<void(struct ifaddrs *)> freeifaddrs;
     std::function<int(const char *)> whole_disk;
     std::function<std::optional<std::array<std::string, 3>>()> optical_drive;
+    int helper_time_limit_ms = 0;
 };
 
 Hooks &hooks()
@@ -59,12 +66,65 @@ void IfAddrsFree::operator()(struct ifaddrs *list) const noexcept
         ::freeifaddrs(list);
 }
 
+struct Pipe::Output {
+    std::string text;
+    size_t pos = 0;
+    int status = -1;
+};
+
+namespace {
+
+ssize_t output_read(void *cookie, char *buf, size_t size)
+{
+    auto *out = static_cast<Pipe::Output *>(cookie);
+    size_t n = std::min(size, out->text.size() - out->pos);
+    std::memcpy(buf, out->text.data() + out->pos, n);
+    out->pos += n;
+    return static_cast<ssize_t>(n);
+}
+
+} // namespace
+
+Pipe::Pipe(std::string output, int status) noexcept
+{
+    out_ = new (std::nothrow) Output;
+    if (!out_)
+        return;
+    out_->text = std::move(output);
+    out_->status = status;
+    cookie_io_functions_t io{};
+    io.read = output_read;
+    f_ = ::fopencookie(out_, "r", io);
+    if (!f_) {
+        delete out_;
+        out_ = nullptr;
+    }
+}
+
+Pipe::Pipe(Pipe &&other) noexcept
+    : f_(std::exchange(other.f_, nullptr)), out_(std::exchange(other.out_, nullptr))
+{
+}
+
+Pipe &Pipe::operator=(Pipe &&other) noexcept
+{
+    if (this != &other) {
+        close();
+        f_ = std::exchange(other.f_, nullptr);
+        out_ = std::exchange(other.out_, nullptr);
+    }
+    return *this;
+}
+
 int Pipe::close() noexcept
 {
     if (!f_)
         return -1;
-    int status = ::pclose(f_);
+    std::fclose(f_);
     f_ = nullptr;
+    int status = out_->status;
+    delete out_;
+    out_ = nullptr;
     return status;
 }
 
@@ -268,73 +328,253 @@ bool read_input(const char *path, size_t max, std::string *out) noexcept
     return fd && read_bounded(fd.get(), max, out);
 }
 
+bool read_input_prefix(const char *path, size_t max, std::string *out, std::string_view stop) noexcept
+{
+    UniqueFD fd = open_input(path);
+    if (!fd)
+        return false;
+    try {
+        std::string data;
+        char buf[4096];
+        while (data.size() < max) {
+            ssize_t n = ::read(fd.get(), buf, std::min(sizeof(buf), max - data.size()));
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n < 0)
+                return false;
+            if (n == 0)
+                break;
+            std::string_view got(buf, static_cast<size_t>(n));
+            size_t end = stop.empty() ? std::string_view::npos : got.find_first_of(stop);
+            if (end != std::string_view::npos) {
+                data.append(got.substr(0, end + 1));
+                break;
+            }
+            data.append(got);
+        }
+        *out = std::move(data);
+        return true;
+    } catch (const std::bad_alloc &) {
+        errno = ENOMEM;
+        return false;
+    }
+}
+
 std::string path_arg(std::string_view path) { return shell_quote(host_path(path)); }
 
-Pipe popen(const std::string &command) noexcept
+namespace {
+
+long long now_ms() noexcept
+{
+    struct timespec ts = {0, 0};
+    ::clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+int helper_time_limit_ms() noexcept
+{
+    int ms = hooks().helper_time_limit_ms;
+    return ms > 0 ? ms : kHelperTimeLimitSeconds * 1000;
+}
+
+struct RunRequest {
+    const char *program;        // path to execve()
+    char *const *argv;
+    char *const *envp;
+    bool capture;               // standard output into RunResult::out (else the caller's)
+    bool report_exec_failure;   // "execve" through perror() on the caller's stderr
+};
+
+struct RunResult {
+    bool started = false;
+    bool timed_out = false;
+    int status = -1;
+    std::string out;
+};
+
+// The child has ended (it is left unreaped, so its pid and group id stay taken).
+bool child_ended(pid_t pid) noexcept
+{
+    siginfo_t info;
+    std::memset(&info, 0, sizeof(info));
+    if (::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0)
+        return errno != EINTR;
+    return info.si_pid == pid;
+}
+
+// Reads what is available on fd without waiting. False at end of file or on error.
+bool drain(int fd, std::string &out, bool &overflow) noexcept
+{
+    char buf[65536];
+    for (;;) {
+        ssize_t n = ::read(fd, buf, sizeof(buf));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return errno == EAGAIN || errno == EWOULDBLOCK;
+        if (n == 0)
+            return false;
+        size_t room = kHelperOutputMax - out.size();
+        try {
+            out.append(buf, std::min(room, static_cast<size_t>(n)));
+        } catch (const std::bad_alloc &) {
+            room = 0;
+        }
+        if (static_cast<size_t>(n) > room) {
+            overflow = true;
+            return false;
+        }
+    }
+}
+
+// Starts the child in its own process group, collects its output until it
+// ends or the time limit passes, then ends whatever is left of its group and
+// reaps it.
+RunResult run(const RunRequest &req, const char **failed_step) noexcept
+{
+    RunResult result;
+    int fds[2] = {-1, -1};
+    if (req.capture && ::pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0) {
+        if (failed_step)
+            *failed_step = "pipe";
+        return result;
+    }
+    UniqueFD read_end(fds[0]), write_end(fds[1]);
+    try {
+        result.out.reserve(4096);
+    } catch (...) {
+        errno = ENOMEM;
+        return result;
+    }
+    const long long deadline = now_ms() + helper_time_limit_ms();
+    pid_t pid = ::fork();
+    if (pid < 0) {
+        if (failed_step)
+            *failed_step = "fork";
+        return result;
+    }
+    if (pid == 0) {
+        // Only async-signal-safe calls from here on.
+        ::setpgid(0, 0);
+        int saved_err = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
+        int null_fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+        if (null_fd >= 0) {
+            ::dup2(null_fd, STDIN_FILENO);
+            ::dup2(null_fd, STDERR_FILENO);
+        }
+        if (req.capture) {
+            // The write end was made non-blocking for the parent's side only.
+            ::fcntl(write_end.get(), F_SETFL, 0);
+            ::dup2(write_end.get(), STDOUT_FILENO);
+        }
+        ::execve(req.program, req.argv, req.envp);
+        if (req.report_exec_failure && saved_err >= 0) {
+            ::dup2(saved_err, STDERR_FILENO);
+            ::perror("execve");
+        }
+        ::_exit(127);
+    }
+    // Also here, so the group exists whichever of the two runs first.
+    ::setpgid(pid, pid);
+    write_end.reset();
+    result.started = true;
+
+    bool overflow = false;
+    int nap_ms = 1;
+    for (;;) {
+        if (child_ended(pid)) {
+            // What the child wrote before it ended is all in the pipe now.
+            if (read_end)
+                drain(read_end.get(), result.out, overflow);
+            break;
+        }
+        long long left = deadline - now_ms();
+        if (left <= 0) {
+            result.timed_out = true;
+            break;
+        }
+        if (read_end) {
+            struct pollfd p = {read_end.get(), POLLIN, 0};
+            int wait = static_cast<int>(std::min<long long>(left, 50));
+            if (::poll(&p, 1, wait) > 0 && !drain(read_end.get(), result.out, overflow))
+                read_end.reset(); // end of output (or enough of it); wait for the end of the child
+        } else {
+            struct timespec ts = {0, static_cast<long>(std::min<long long>(left, nap_ms)) * 1000000L};
+            ::nanosleep(&ts, nullptr);
+            nap_ms = std::min(nap_ms * 2, 20);
+        }
+    }
+    read_end.reset();
+    // The group, and its leader on its own in case it had no time to make it.
+    ::kill(-pid, SIGKILL);
+    if (result.timed_out)
+        ::kill(pid, SIGKILL);
+    int status = 0;
+    while (::waitpid(pid, &status, 0) < 0) {
+        if (errno != EINTR) {
+            status = -1;
+            break;
+        }
+    }
+    result.status = status;
+    (void)overflow;
+    if (result.timed_out)
+        errno = ETIME;
+    return result;
+}
+
+RunResult run_shell(const std::string &command, bool capture) noexcept
 {
     try {
         std::string line = command;
         if (!line.empty() && line.front() == '/')
             line = host_path(line);
-        return Pipe(::popen(line.c_str(), "re"));
+        char sh[] = "sh", dash_c[] = "-c";
+        char *const argv[] = {sh, dash_c, line.data(), nullptr};
+        return run({"/bin/sh", argv, environ, capture, false}, nullptr);
     } catch (...) {
-        return Pipe();
+        errno = ENOMEM;
+        return RunResult{};
     }
+}
+
+} // namespace
+
+Pipe popen(const std::string &command) noexcept
+{
+    RunResult r = run_shell(command, true);
+    if (!r.started || r.timed_out)
+        return Pipe();
+    return Pipe(std::move(r.out), r.status);
 }
 
 int system(const std::string &command) noexcept
 {
-    try {
-        std::string line = command;
-        if (!line.empty() && line.front() == '/')
-            line = host_path(line);
-        return ::system(line.c_str());
-    } catch (...) {
+    RunResult r = run_shell(command, false);
+    if (!r.started || r.timed_out)
         return -1;
-    }
+    return r.status;
 }
 
 Child spawn(const char *const argv[], const char **failed_step) noexcept
 {
     Child child;
     HostPath program(argv[0]);
-    int fds[2];
-    if (!program.c_str() || ::pipe2(fds, O_CLOEXEC) != 0) {
+    if (!program.c_str()) {
         if (failed_step)
             *failed_step = "pipe";
         return child;
     }
-    UniqueFD read_end(fds[0]), write_end(fds[1]);
-    pid_t pid = ::fork();
-    if (pid < 0) {
-        if (failed_step)
-            *failed_step = "fork";
+    char *const empty_env[] = {nullptr};
+    RunResult r = run({program.c_str(), const_cast<char *const *>(argv), empty_env, true, true}, failed_step);
+    if (r.timed_out && failed_step)
+        *failed_step = "fork";
+    if (!r.started || r.timed_out)
         return child;
-    }
-    if (pid == 0) {
-        // Only async-signal-safe calls from here on.
-        int null_fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-        if (null_fd >= 0)
-            ::dup2(null_fd, STDIN_FILENO);
-        ::dup2(write_end.get(), STDOUT_FILENO);
-        char *const empty_env[] = {nullptr};
-        ::execve(program.c_str(), const_cast<char *const *>(argv), empty_env);
-        ::perror("execve");
-        ::_exit(127);
-    }
-    child.pid = pid;
-    child.out = std::move(read_end);
+    child.started = true;
+    child.status = r.status;
+    child.out = std::move(r.out);
     return child;
-}
-
-int wait_child(pid_t pid) noexcept
-{
-    int status = 0;
-    while (::waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR)
-            return -1;
-    }
-    return status;
 }
 
 UniqueFD socket(int domain, int type, int protocol) noexcept
@@ -417,6 +657,7 @@ void set_optical_drive(std::function<std::optional<std::array<std::string, 3>>()
 {
     hooks().optical_drive = std::move(fake);
 }
+void set_helper_time_limit_ms(int ms) { hooks().helper_time_limit_ms = ms; }
 void reset() { hooks() = Hooks{}; }
 
 } // namespace tq::os::testing

@@ -45,18 +45,17 @@ struct IfAddrsFree {
 };
 using UniqueIfAddrs = std::unique_ptr<struct ifaddrs, IfAddrsFree>;
 
-// A popen() stream, closed with pclose() (which reaps the shell).
+// The output of a finished helper program, read as a stream (fgets, fread)
+// the way a popen() stream was read. The helper has already been reaped when
+// the Pipe exists; close() hands back its wait status as pclose() did.
 class Pipe {
 public:
     Pipe() noexcept = default;
-    explicit Pipe(FILE *f) noexcept : f_(f) {}
-    Pipe(Pipe &&other) noexcept : f_(std::exchange(other.f_, nullptr)) {}
-    Pipe &operator=(Pipe &&other) noexcept
-    {
-        close();
-        f_ = std::exchange(other.f_, nullptr);
-        return *this;
-    }
+    // Takes the helper's output and wait status; empty (false) when no stream
+    // could be made over the text.
+    Pipe(std::string output, int status) noexcept;
+    Pipe(Pipe &&other) noexcept;
+    Pipe &operator=(Pipe &&other) noexcept;
     Pipe(const Pipe &) = delete;
     Pipe &operator=(const Pipe &) = delete;
     ~Pipe() { close(); }
@@ -66,8 +65,11 @@ public:
     // The wait status of the command, or -1.
     int close() noexcept;
 
+    struct Output;
+
 private:
     FILE *f_ = nullptr;
+    Output *out_ = nullptr;
 };
 
 // A path as the host sees it: the caller's absolute path under the test root,
@@ -119,29 +121,47 @@ UniqueFD open_input(const char *path, InputKind kind = InputKind::regular) noexc
 bool read_bounded(int fd, size_t max, std::string *out) noexcept;
 // open_input() then read_bounded().
 bool read_input(const char *path, size_t max, std::string *out) noexcept;
+// open_input() then reads the start of the file: at most max bytes, and no
+// further than the first byte that is one of stop (for readers that look at
+// the first line only). On failure *out is untouched and errno is set.
+bool read_input_prefix(const char *path, size_t max, std::string *out, std::string_view stop = {}) noexcept;
 
 // ---- helper programs -------------------------------------------------------
 // Single-quotes text for /bin/sh so that no character in it is interpreted.
 std::string shell_quote(std::string_view text);
 // A path argument for a shell command line: host_path, then shell_quote.
 std::string path_arg(std::string_view path);
-// popen(command, "r"). A command line that starts with an absolute program
-// path runs that program under the root; others are found through PATH.
+// Every helper program runs in a process group of its own with standard input
+// and standard error on /dev/null: a helper's complaints are its own business,
+// not the calling program's. A helper still running after
+// kHelperTimeLimitSeconds is ended with its whole group (SIGKILL) and reaped,
+// and the call fails as if the helper could not be started; when a helper
+// ends, whatever it left running in its group is ended too. Nothing outlives
+// the call.
+inline constexpr int kHelperTimeLimitSeconds = 30;
+// Output kept from one helper; a helper that prints more is ended there, as a
+// reader that stopped reading would have ended it.
+inline constexpr size_t kHelperOutputMax = 16 * 1024 * 1024;
+
+// Runs command through /bin/sh -c and collects its standard output. A command
+// line that starts with an absolute program path runs that program under the
+// root; others are found through PATH. Failure (not started, or past the time
+// limit): an empty Pipe with errno set (ETIME for the time limit).
 Pipe popen(const std::string &command) noexcept;
-// system(command); the wait status.
+// Runs command through /bin/sh -c with standard output left to the caller's;
+// the wait status, or -1 when it could not be started or ran past the limit.
 int system(const std::string &command) noexcept;
 
-// A child started with execve() (no shell, empty environment), its standard
-// output connected to a pipe and its standard input to /dev/null.
+// A finished child started with execve() (no shell, empty environment).
 struct Child {
-    pid_t pid = -1;
-    UniqueFD out;
+    bool started = false;
+    int status = -1;   // wait status
+    std::string out;   // its standard output
 };
-// argv[0] is the absolute program path. Failure: pid -1 and errno set; "pipe"
-// or "fork" in *failed_step says which step failed.
+// argv[0] is the absolute program path. Not started: started false, errno
+// set, and "pipe" or "fork" in *failed_step says which step failed. A child
+// that ran past the time limit counts as not started ("fork").
 Child spawn(const char *const argv[], const char **failed_step = nullptr) noexcept;
-// waitpid() on that child, retrying on EINTR; the wait status or -1.
-int wait_child(pid_t pid) noexcept;
 
 // ---- kernel and device calls -----------------------------------------------
 UniqueFD socket(int domain, int type, int protocol) noexcept;
@@ -169,6 +189,8 @@ void set_getifaddrs(std::function<int(struct ifaddrs **)> fake,
                     std::function<void(struct ifaddrs *)> free_fake);
 void set_whole_disk(std::function<int(const char *path)> fake);
 void set_optical_drive(std::function<std::optional<std::array<std::string, 3>>()> fake);
+// The helper programs' time limit in milliseconds (0: kHelperTimeLimitSeconds).
+void set_helper_time_limit_ms(int ms);
 // Back to the real system.
 void reset();
 
