@@ -35,6 +35,7 @@ constexpr size_t kModelOffset = 54, kModelSize = 40;
 constexpr size_t kValueMax = 510;
 constexpr size_t kLineBuffer = 1024;
 constexpr size_t kLsblkReadMax = 16383;
+constexpr size_t kNvmeModelMax = 7;
 
 bool is_graphic(char c) { return std::isgraph(static_cast<unsigned char>(c)) != 0; }
 
@@ -106,7 +107,8 @@ std::optional<std::string> harddisk_id_ata_identity(std::string_view path)
     // exist, which leaves the disk to smartctl.
     std::string device = "/dev/" + std::string(base_name(path));
     quenda_trace("device :%s", device.c_str());
-    UniqueFD fd = os::open(device.c_str(), O_RDONLY | O_NONBLOCK);
+    // A block device (or a recorded stand-in), never a FIFO or character device.
+    UniqueFD fd = os::open_input(device.c_str(), os::InputKind::regular_or_block);
     if (!fd) {
         quenda_trace("fd < 0, return");
         return std::nullopt;
@@ -150,14 +152,10 @@ std::optional<std::string> read_sysfs_block_attribute(std::string_view disk, std
     if (disk.empty() || attribute.empty())
         return std::nullopt;
     std::string path = "/sys/block/" + std::string(disk) + "/device/" + std::string(attribute);
-    os::UniqueFile file = os::fopen(path.c_str(), "r");
-    if (!file)
+    std::string raw;
+    if (!os::read_input_prefix(path.c_str(), kLineBuffer, &raw) || raw.empty())
         return std::nullopt;
-    char buf[kLineBuffer];
-    size_t n = std::fread(buf, 1, sizeof(buf), file.get());
-    if (n == 0)
-        return std::nullopt;
-    return clean_sysfs_attribute({buf, n}, capacity);
+    return clean_sysfs_attribute(raw, capacity);
 }
 
 std::optional<std::string> harddisk_id_sysfs(std::string_view name)
@@ -318,17 +316,19 @@ std::optional<std::string> harddisk_id_nvme_new(const char *name)
 {
     if (!name)
         return std::nullopt;
-    os::Pipe pipe = os::popen("cat " + os::path_arg("/sys/block/" + std::string(name) + "/device/model"));
-    if (!pipe)
-        return std::nullopt;
-    // Seven characters of the model are all that is wanted.
-    char model[8] = {};
-    if (std::fgets(model, sizeof(model), pipe.get()))
-        quenda_trace("harddisk_id_nvme_new model = %s", model);
+    // The start of the model attribute, read in-process: seven characters of
+    // its first line, as fgets() with a size of 8 gives them, are all that is
+    // wanted. An unreadable attribute is an empty answer.
+    std::string path = "/sys/block/" + std::string(name) + "/device/model";
+    std::string start;
+    if (!os::read_input_prefix(path.c_str(), kNvmeModelMax, &start, std::string_view("\n\0", 2)))
+        start.clear();
+    std::string model(up_to_nul(start));
+    if (!start.empty())
+        quenda_trace("harddisk_id_nvme_new model = %s", model.c_str());
     else
         quenda_trace("harddisk_id_nvme_new model = NULL");
-    pipe.close();
-    return std::string(model);
+    return model;
 }
 
 std::optional<std::string> boot_device_cid() { return read_fact_file(kBootDeviceCid); }

@@ -22,6 +22,8 @@ constexpr size_t kPathTextMax = 4095;
 
 constexpr char kMounts[] = "/proc/mounts";
 constexpr char kCommandLine[] = "/proc/cmdline";
+// Far beyond the longest kernel command line any architecture allows.
+constexpr size_t kCommandLineMax = 1024 * 1024;
 
 struct JsonDeleter {
     void operator()(cJSON *tree) const noexcept { cJSON_Delete(tree); }
@@ -155,12 +157,17 @@ std::optional<std::string> root_device_from_command_line(std::string_view text)
 
 std::optional<std::string> read_first_line(const char *path)
 {
-    os::UniqueFile file = os::fopen(path, "r");
+    // Only the first line counts, and a zero byte ends it as well: reading
+    // stops there, so a huge file costs no more than its first line. A line
+    // longer than any kernel's command line is no command line.
     std::string text;
-    if (!file || !read_all(file.get(), text))
+    if (!os::read_input_prefix(path, kCommandLineMax + 1, &text, std::string_view("\n\0", 2)))
         return std::nullopt;
     std::string_view line = up_to_nul(text);
-    return std::string(line.substr(0, line.find('\n')));
+    line = line.substr(0, line.find('\n'));
+    if (line.size() > kCommandLineMax)
+        return std::nullopt;
+    return std::string(line);
 }
 
 std::optional<std::string> command_line_get_root_device_name(const char *path)

@@ -28,10 +28,11 @@ std::optional<std::string> read_fact_line(FILE *stream)
 
 std::optional<std::string> read_fact_file(const char *path)
 {
-    os::UniqueFile file = os::fopen(path, "r");
-    if (!file)
+    // What fgets() would read: the first line, at most 1023 bytes of it.
+    std::string start;
+    if (!os::read_input_prefix(path, kFactLineSize - 1, &start, "\n") || start.empty())
         return std::nullopt;
-    return read_fact_line(file.get());
+    return std::string(start.substr(0, start.find_first_of(std::string_view("\r\n\0", 3))));
 }
 
 std::optional<std::string> read_dmidecode_fact(const std::string &command)

@@ -16,7 +16,8 @@ constexpr size_t kFactLineSize = 1024;
 // be read; an empty first line is an answer (the empty string).
 std::optional<std::string> read_fact_line(FILE *stream);
 
-// read_fact_line() of a file (through the OS gateway).
+// The same first line of a file (through the OS gateway). Only a regular file
+// is read, and only as far as that line: a FIFO or a device is no answer.
 std::optional<std::string> read_fact_file(const char *path);
 
 // read_fact_line() of a shell command's output. The command runs only when

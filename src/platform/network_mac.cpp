@@ -93,14 +93,11 @@ int is_interface_on_usb_bus(const char *name)
         return 1;
     }
 
-    char resolved[kLineSize] = {};
-    {
-        os::Pipe pipe = os::popen("readlink -f -z " + os::path_arg(device));
-        // An empty answer means readlink could not resolve the link either.
-        if (!pipe || !std::fgets(resolved, sizeof(resolved), pipe.get()) || resolved[0] == '\0') {
-            quenda_trace("get real path error");
-            return 1;
-        }
+    // Resolved in-process; readlink -f gave the same path for a link that resolves.
+    char resolved[PATH_MAX] = {};
+    if (!os::realpath(device.c_str(), resolved) || resolved[0] == '\0') {
+        quenda_trace("get real path error");
+        return 1;
     }
     std::string_view node = path_basename(resolved);
 

@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "disk/root_device.h"
 
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
+#include <functional>
 #include <memory>
 
 #include "disk_fakes.h"
@@ -47,6 +50,53 @@ TEST(RootDevice, MountTableAndKernelCommandLineTexts)
     EXPECT_EQ(cut.size(), 4095u);
     EXPECT_EQ(cut.substr(0, 23), "/dev/disk/by-label/\\x2f");
     EXPECT_EQ(tq::replace_all("abc", "-", ""), "abc"); // an empty needle ends
+}
+
+// Peak memory growth, in KiB, of one call made in a child process.
+long peak_growth_kib(const std::function<void()> &call)
+{
+    int fds[2];
+    if (pipe(fds) != 0)
+        return -1;
+    pid_t pid = fork();
+    if (pid == 0) {
+        struct rusage before {}, after {};
+        getrusage(RUSAGE_SELF, &before);
+        call();
+        getrusage(RUSAGE_SELF, &after);
+        long growth = after.ru_maxrss - before.ru_maxrss;
+        _exit(write(fds[1], &growth, sizeof(growth)) == sizeof(growth) ? 0 : 1);
+    }
+    close(fds[1]);
+    long growth = -1;
+    if (read(fds[0], &growth, sizeof(growth)) != sizeof(growth))
+        growth = -1;
+    close(fds[0]);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return growth;
+}
+
+TEST(RootDevice, CommandLineFileIsARegularFileReadOnlyToItsFirstLine)
+{
+    tqtest::Fixture fx;
+    tqtest::LeakCheck leaks;
+    tq::os::testing::reset(); // callers name real paths
+    const std::string fifo = fx.host("/fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    for (const std::string &path : {fifo, std::string("/dev/zero"), fx.root()})
+        EXPECT_EQ(take(command_line_get_root_device_name(path.c_str())), "<null>") << path;
+
+    // 1 GiB, nearly all of it a hole of zero bytes: the line ends at the first one.
+    const std::string big = fx.host("/cmdline");
+    fx.write("/cmdline", "ro root=/dev/sda2");
+    ASSERT_EQ(truncate(big.c_str(), 1L << 30), 0);
+    std::string answer;
+    long growth = peak_growth_kib([&] { answer = take(command_line_get_root_device_name(big.c_str())); });
+    EXPECT_EQ(take(command_line_get_root_device_name(big.c_str())), "/dev/sda2");
+    EXPECT_GE(growth, 0);
+    EXPECT_LT(growth, 64 * 1024) << "KiB";
+    EXPECT_TRUE(leaks.clean());
 }
 
 using RootDeviceMachine = disktest::Machine;

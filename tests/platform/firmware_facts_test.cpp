@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "platform/firmware_facts.h"
 
+#include <sys/stat.h>
+
 #include <gtest/gtest.h>
 
 #include <array>
@@ -112,6 +114,13 @@ TEST_F(FirmwareFacts, CommandsRunOnlyWithAnExecutableDmidecode)
     EXPECT_EQ(tqtest::take_optional(get_machine_info_from_sysfs("/etc/long")), std::string(1023, 'x'));
     EXPECT_EQ(tqtest::take_optional(get_service_tag_from_sysfs("/etc/none")), std::nullopt);
     EXPECT_EQ(tqtest::take_optional(get_service_tag_from_sysfs(nullptr)), std::nullopt);
+    // Nothing but a regular file is read: no wait for a FIFO's writer, no endless device.
+    ASSERT_EQ(mkfifo(f.host("/etc/fifo").c_str(), 0600), 0);
+    f.symlink("/dev/zero", "/etc/zero");
+    for (const char *path : {"/etc/fifo", "/etc/zero", "/etc"}) {
+        EXPECT_EQ(tqtest::take_optional(get_machine_info_from_sysfs(path)), std::nullopt) << path;
+        EXPECT_EQ(tqtest::take_optional(get_service_tag_from_sysfs(path)), std::nullopt) << path;
+    }
 }
 
 } // namespace

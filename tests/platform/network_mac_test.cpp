@@ -264,6 +264,8 @@ TEST_F(NetworkMac, OnlyAProvenNonUsbAttachmentCounts)
 {
     pci_device(f, "eth3");
     EXPECT_EQ(tq::is_interface_on_usb_bus("eth3"), 0) << "a machine without a USB bus";
+    // The link is resolved in-process: no readlink found through PATH has a say.
+    f.path_program("readlink", "/sys/devices/pci0000:00/usb2/2-1/2-1:1.0");
 
     usb_bus(f);
     f.mkdir("/sys/class/net/eth0");                                                 // no device link
