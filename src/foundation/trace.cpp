@@ -18,18 +18,46 @@ constexpr char kLogDirectory[] = "/var/log/tavro-quenda/";
 constexpr char kLogFile[] = "/var/log/tavro-quenda/libtavro-quenda.log";
 constexpr size_t kLineSize = 1024;
 
-// Opens the trace log for one append. The directory may be writable by others:
-// never follow a planted link, and never block on a planted FIFO.
-tq::UniqueFD open_trace_log() noexcept
+// Why an opened log is refused, or nullptr when it may be written. Only a
+// plain file of its own is written to: not a device or FIFO, not a file that
+// is also reachable under another name (a planted hard link to some other
+// file), and for root not a file that someone else owns.
+const char *refusal(int fd) noexcept
 {
-    tq::UniqueFD fd = tq::os::open(kLogFile, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK, 0644);
+    struct stat st;
+    if (::fstat(fd, &st) != 0)
+        return std::strerror(errno);
+    if (!S_ISREG(st.st_mode))
+        return "Not a regular file";
+    if (st.st_nlink != 1)
+        return "Too many links";
+    if (::geteuid() == 0 && st.st_uid != 0)
+        return "Owned by another user";
+    return nullptr;
+}
+
+// Opens the trace log for one append. The directory may be writable by others:
+// never follow a planted link, never block on a planted FIFO, and check the
+// opened file itself, not its name. *why receives the reason of a refusal.
+tq::UniqueFD open_trace_log(const char **why) noexcept
+{
+    *why = nullptr;
+    tq::UniqueFD fd =
+        tq::os::open(kLogFile, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0644);
     if (!fd)
         return fd;
-    struct stat st;
-    if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
-        errno = EINVAL;
+    if ((*why = refusal(fd.get())) != nullptr)
         return tq::UniqueFD();
-    }
+    return fd;
+}
+
+// The same rules for a log file that a caller names, links followed (the
+// caller chose the name). Failure: an empty descriptor.
+tq::UniqueFD open_caller_log(const char *path) noexcept
+{
+    tq::UniqueFD fd = tq::os::open(path, O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY, 0640);
+    if (!fd || refusal(fd.get()))
+        return tq::UniqueFD();
     return fd;
 }
 
@@ -39,8 +67,15 @@ extern "C" {
 
 bool quenda_logger_env_init(void) noexcept
 {
-    // Usually exists already; the open that follows decides.
-    tq::os::mkdir(kLogDirectory, 0777);
+    // Usually exists already; the open that follows decides. A directory made
+    // here gets 0755 whatever the umask: never writable by others. One that
+    // exists is left as it is: its owner chose its mode, and the log file is
+    // checked on its own when it is opened.
+    if (tq::os::mkdir(kLogDirectory, 0700) == 0) {
+        tq::UniqueFD dir = tq::os::open(kLogDirectory, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+        if (dir)
+            ::fchmod(dir.get(), 0755);
+    }
     return true;
 }
 
@@ -75,9 +110,13 @@ int quenda_trace(const char *format, ...) noexcept
     if (!quenda_is_tracing())
         return 0;
 
-    tq::UniqueFD fd = open_trace_log();
+    const char *why = nullptr;
+    tq::UniqueFD fd = open_trace_log(&why);
     if (!fd) {
-        std::perror("Open log file failed");
+        if (why)
+            std::fprintf(stderr, "Open log file failed: %s\n", why);
+        else
+            std::perror("Open log file failed");
         return 0;
     }
 
@@ -110,7 +149,7 @@ void log_write(const char *path, const char *message, const char *tag, int enabl
 {
     if (!enabled)
         return;
-    tq::UniqueFD fd = tq::os::open(path, O_WRONLY | O_CREAT | O_APPEND, 0640);
+    tq::UniqueFD fd = open_caller_log(path);
     if (!fd)
         return;
 

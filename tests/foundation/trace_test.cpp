@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <map>
 #include <regex>
 #include <sstream>
@@ -144,6 +145,80 @@ TEST(Trace, NeverFollowsOrBlocksOnAPlantedFile)
     testing::internal::CaptureStderr();
     EXPECT_EQ(quenda_trace("into a fifo"), 0); // returns instead of waiting for a reader
     EXPECT_NE(testing::internal::GetCapturedStderr().find("Open log file failed: "), std::string::npos);
+    EXPECT_TRUE(leaks.clean());
+}
+
+TEST(Trace, TheLogDirectoryIsNeverWritableByOthers)
+{
+    tqtest::Fixture fx;
+    mode_t old = ::umask(0);
+    EXPECT_EQ(quenda_trace("made under umask 0"), 1);
+    ::umask(old);
+    struct stat st;
+    ASSERT_EQ(stat(fx.host("/var/log/tavro-quenda").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0755u);
+}
+
+// A planted log in place of the library's own, and of a caller's log_write file:
+// each is refused, and the file behind it stays as it was.
+TEST(Trace, NoLineGoesIntoAHardLinkOrAForeignFile)
+{
+    struct Case {
+        const char *what;
+        const char *reason;
+        std::function<void(const std::string &log, const std::string &victim)> plant;
+    };
+    const Case cases[] = {
+        {"hard link", "Too many links",
+         [](const std::string &log, const std::string &victim) { ASSERT_EQ(link(victim.c_str(), log.c_str()), 0); }},
+        {"foreign owner", "Owned by another user",
+         [](const std::string &log, const std::string &) {
+             close(open(log.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+             ASSERT_EQ(chown(log.c_str(), 65534, 65534), 0);
+         }},
+        {"directory", nullptr, [](const std::string &log, const std::string &) { ASSERT_EQ(mkdir(log.c_str(), 0755), 0); }},
+    };
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root to plant a file owned by another user";
+    for (const Case &c : cases) {
+        tqtest::Fixture fx;
+        tqtest::LeakCheck leaks;
+        fx.write("/etc/victim", "untouched");
+        fx.mkdir("/var/log/tavro-quenda");
+        std::string victim = fx.host("/etc/victim"), log = fx.host(kLog), own = fx.host("/caller.log");
+        c.plant(log, victim);
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(quenda_trace("planted"), 0) << c.what;
+        std::string err = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(err.rfind("Open log file failed: ", 0), 0u) << c.what;
+        if (c.reason) {
+            EXPECT_EQ(err, std::string("Open log file failed: ") + c.reason + "\n");
+        }
+        EXPECT_EQ(fx.read("/etc/victim"), "untouched");
+
+        tq::os::testing::reset();
+        c.plant(own, victim);
+        log_write(own.c_str(), "planted", "II", 1);
+        EXPECT_EQ(fx.read("/etc/victim"), "untouched") << c.what;
+        EXPECT_EQ(tqtest::read_file(own).find("planted"), std::string::npos) << c.what;
+        EXPECT_TRUE(leaks.clean());
+    }
+}
+
+TEST(LogWrite, NeverBlocksOnOrWritesIntoAFifo)
+{
+    tqtest::Fixture fx;
+    tqtest::LeakCheck leaks;
+    tq::os::testing::reset();
+    std::string fifo = fx.host("/fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    log_write(fifo.c_str(), "no reader", "II", 1); // returns instead of waiting for one
+    int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(reader, 0);
+    log_write(fifo.c_str(), "a reader", "II", 1);
+    char buf[16];
+    EXPECT_LE(read(reader, buf, sizeof(buf)), 0);
+    close(reader);
     EXPECT_TRUE(leaks.clean());
 }
 
