@@ -118,9 +118,15 @@ std::optional<std::string> harddisk_id_ata_identity(std::string_view path)
         quenda_trace("ioctl(fd, HDIO_GET_IDENTITY, &id), return");
         return std::nullopt;
     }
-    const char *block = reinterpret_cast<const char *>(id.data());
-    std::string serial = graphic_only({block + kSerialOffset, kSerialSize});
-    std::string model = graphic_only({block + kModelOffset, kModelSize});
+    return ata_identity_from_block({reinterpret_cast<const char *>(id.data()), id.size()});
+}
+
+std::string ata_identity_from_block(std::string_view block)
+{
+    std::string padded(block.substr(0, kIdentifySize));
+    padded.resize(kIdentifySize, '\0');
+    std::string serial = graphic_only(std::string_view(padded).substr(kSerialOffset, kSerialSize));
+    std::string model = graphic_only(std::string_view(padded).substr(kModelOffset, kModelSize));
     return model + "_" + serial;
 }
 

@@ -21,6 +21,10 @@ std::optional<std::string> harddisk_id(const char *path);
 
 // ATA identify (HDIO_GET_IDENTITY) of /dev/<base name of path>.
 std::optional<std::string> harddisk_id_ata_identity(std::string_view path);
+// "MODEL_SERIAL" from a 512-byte ATA identify block (struct hd_driveid): the
+// graphic characters of its model and serial fields. A shorter block is
+// read as if padded with zero bytes.
+std::string ata_identity_from_block(std::string_view block);
 // Model and serial from the sysfs attributes of the disk name begins with.
 std::optional<std::string> harddisk_id_sysfs(std::string_view name);
 // A /sys/block/<disk>/device/<attribute> value, trimmed, each inner run of

@@ -30,7 +30,14 @@ std::optional<std::string> read_fact_file(const char *path)
 {
     // What fgets() would read: the first line, at most 1023 bytes of it.
     std::string start;
-    if (!os::read_input_prefix(path, kFactLineSize - 1, &start, "\n") || start.empty())
+    if (!os::read_input_prefix(path, kFactLineSize - 1, &start, "\n"))
+        return std::nullopt;
+    return fact_from_start(start);
+}
+
+std::optional<std::string> fact_from_start(std::string_view start)
+{
+    if (start.empty())
         return std::nullopt;
     return std::string(start.substr(0, start.find_first_of(std::string_view("\r\n\0", 3))));
 }

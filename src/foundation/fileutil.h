@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace tq {
 
@@ -15,6 +16,10 @@ constexpr size_t kFactLineSize = 1024;
 // 1024-byte buffer, every CR and LF turned into NUL. nullopt when nothing could
 // be read; an empty first line is an answer (the empty string).
 std::optional<std::string> read_fact_line(FILE *stream);
+
+// The fact in the start of a file as read_fact_line() sees it: the text up to
+// the first CR, LF or zero byte. nullopt for no bytes at all.
+std::optional<std::string> fact_from_start(std::string_view start);
 
 // The same first line of a file (through the OS gateway). Only a regular file
 // is read, and only as far as that line: a FIFO or a device is no answer.
