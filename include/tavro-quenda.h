@@ -13,6 +13,11 @@
  * Results: fact getters return a string or NULL ("not found or failed");
  * predicates return 1 or 0; the data-integrity family returns 0 for success
  * and a small positive code for failure, as listed with each function.
+ *
+ * Helper programs run in a process group of their own with standard input and
+ * standard error on /dev/null (their messages never reach the caller's
+ * standard error) and for at most 30 seconds: past that the whole group is
+ * killed and reaped, and the call fails as if the helper had failed.
  */
 #ifndef TAVRO_QUENDA_H
 #define TAVRO_QUENDA_H
@@ -49,18 +54,26 @@ extern "C" {
  * "<date> <time>.<ms> [<pid>]: <message>\n". Lines are written whole with one
  * write(), so concurrent processes and threads interleave whole lines. When the
  * log cannot be opened, standard error receives "Open log file failed: <reason>".
+ * The log is refused, with that line, when it is a symbolic link, not a
+ * regular file ("Not a regular file"), has more than one link ("Too many
+ * links"), or, in a process running as root, belongs to another user ("Owned
+ * by another user"). A log directory created here is mode 0755 whatever the
+ * umask.
  * ------------------------------------------------------------------------ */
 
 /* 1 when the log was opened and the line handed to it, 0 when nothing was written. */
 TAVRO_QUENDA_API int quenda_trace(const char *format, ...) TAVRO_QUENDA_NOEXCEPT TAVRO_QUENDA_PRINTF(1, 2);
-/* Creates the log directory; always true. */
+/* Creates the log directory (0755 whatever the umask; an existing one is left as it is); always true. */
 TAVRO_QUENDA_API bool quenda_logger_env_init(void) TAVRO_QUENDA_NOEXCEPT;
 /* Always true: tracing cannot be switched off. */
 TAVRO_QUENDA_API bool quenda_is_tracing(void) TAVRO_QUENDA_NOEXCEPT;
 /* "YYYY-MM-DD HH:MM:SS.mmm" in static storage: do not free; the next call overwrites it. */
 TAVRO_QUENDA_API char *time_string(void) TAVRO_QUENDA_NOEXCEPT;
 /* Appends "(tag) Time: <stamp>\t\tMessage: <message>\n" to path (mode 0640 when created).
- * Does nothing when enabled is 0. Conventional tags: "II", "WW", "EE". */
+ * Does nothing when enabled is 0. Conventional tags: "II", "WW", "EE".
+ * Writes only into a regular file with a single link that, for a process
+ * running as root, root owns; anything else (a FIFO, a device, a hard link)
+ * is silently left alone, and the call never waits on a FIFO. */
 TAVRO_QUENDA_API void log_write(const char *path, const char *message, const char *tag, int enabled) TAVRO_QUENDA_NOEXCEPT;
 
 /* ------------------------------------------------------------------------
@@ -99,9 +112,11 @@ TAVRO_QUENDA_API char *tavro_quenda_get_harddisk_id(void) TAVRO_QUENDA_NOEXCEPT;
 
 /* Block device of the root file system (mount table, then kernel command line). */
 TAVRO_QUENDA_API char *root_device(void) TAVRO_QUENDA_NOEXCEPT;
-/* Device path named by the root= word of the kernel command line stored in path. */
+/* Device path named by the root= word of the kernel command line stored in path.
+ * path must name a regular file (a FIFO, device or directory gives NULL); only
+ * its first line is read, and a first line over 1 MiB gives NULL. */
 TAVRO_QUENDA_API char *command_line_get_root_device_name(const char *path) TAVRO_QUENDA_NOEXCEPT;
-/* The whole standard output of "lsblk -J". */
+/* The whole standard output of "lsblk -J" (lsblk found through PATH; at most 16 MiB). */
 TAVRO_QUENDA_API char *get_lsblk_output(void) TAVRO_QUENDA_NOEXCEPT;
 /* Name (without /dev/) of the disk whose partition is mounted on "/", from lsblk JSON. */
 TAVRO_QUENDA_API char *find_root_disk(const char *json) TAVRO_QUENDA_NOEXCEPT;
@@ -110,7 +125,9 @@ TAVRO_QUENDA_API char *find_root_disk(const char *json) TAVRO_QUENDA_NOEXCEPT;
  * for a device-mapper device on a whole disk. */
 TAVRO_QUENDA_API char *harddisk_id(const char *path) TAVRO_QUENDA_NOEXCEPT;
 TAVRO_QUENDA_API char *harddisk_id_smartctl(const char *path) TAVRO_QUENDA_NOEXCEPT;
-/* Up to 7 characters of the model of disk name (e.g. "nvme0n1"). */
+/* Up to 7 characters of the model of disk name (e.g. "nvme0n1"), read from
+ * /sys/block/<name>/device/model in-process (no cat is run); an attribute that
+ * is missing or not a regular file gives "". */
 TAVRO_QUENDA_API char *harddisk_id_nvme_new(const char *name) TAVRO_QUENDA_NOEXCEPT;
 
 /* 1 when lsblk calls path "lvm" (or prints nothing), else 0. */
@@ -122,28 +139,34 @@ TAVRO_QUENDA_API char *harddisk_id_lvm(const char *path) TAVRO_QUENDA_NOEXCEPT;
  * ------------------------------------------------------------------------ */
 
 /* Largest permanent MAC ("xx:xx:xx:xx:xx:xx") of the wired NICs and bonding
- * slaves; the first non-NULL answer is kept for the life of the process. */
+ * slaves; the first non-NULL answer is kept for the life of the process.
+ * Interface device links are resolved with realpath(), not by running readlink. */
 TAVRO_QUENDA_API char *tavro_quenda_get_network_interface_max_mac(void) TAVRO_QUENDA_NOEXCEPT;
 TAVRO_QUENDA_API char *network_interface_get_max_mac(void) TAVRO_QUENDA_NOEXCEPT;
 
-/* SMBIOS system UUID as read, placeholder values rejected. */
+/* SMBIOS system UUID as read, placeholder values rejected. The dmidecode
+ * fallback pipes into grep, found through PATH. */
 TAVRO_QUENDA_API char *tavro_quenda_get_system_uuid(void) TAVRO_QUENDA_NOEXCEPT;
 TAVRO_QUENDA_API char *system_uuid(void) TAVRO_QUENDA_NOEXCEPT;
 
 /* Firmware facts: sysfs first, dmidecode when sysfs gives nothing. An empty
- * string is an answer. */
+ * string is an answer. The dmidecode fallbacks pipe into grep and awk, found
+ * through PATH. */
 TAVRO_QUENDA_API char *tavro_quenda_get_service_tag(void) TAVRO_QUENDA_NOEXCEPT;
 TAVRO_QUENDA_API char *tavro_quenda_get_product_serial(void) TAVRO_QUENDA_NOEXCEPT;
 TAVRO_QUENDA_API char *tavro_quenda_get_vendor(void) TAVRO_QUENDA_NOEXCEPT;
 TAVRO_QUENDA_API char *tavro_quenda_get_model(void) TAVRO_QUENDA_NOEXCEPT;
 /* First line of a file / of a shell command's output (the command runs only
- * when /usr/sbin/dmidecode is executable). The two pairs behave alike. */
+ * when /usr/sbin/dmidecode is executable). The two pairs behave alike. The
+ * file must be a regular file: a FIFO, device or directory gives NULL. The
+ * command runs through /bin/sh under the helper time limit. */
 TAVRO_QUENDA_API char *get_service_tag_from_sysfs(const char *path) TAVRO_QUENDA_NOEXCEPT;
 TAVRO_QUENDA_API char *get_service_tag_from_dmidecode(const char *command) TAVRO_QUENDA_NOEXCEPT;
 TAVRO_QUENDA_API char *get_machine_info_from_sysfs(const char *path) TAVRO_QUENDA_NOEXCEPT;
 TAVRO_QUENDA_API char *get_machine_info_from_dmidecode(const char *command) TAVRO_QUENDA_NOEXCEPT;
 
-/* Machine family and OEM text. */
+/* Machine family and OEM text. The dmidecode pipelines of is_lenovo_machine
+ * and hw_oem_info use grep and awk, found through PATH. */
 TAVRO_QUENDA_API int is_huawei_9x0(void) TAVRO_QUENDA_NOEXCEPT;
 TAVRO_QUENDA_API int is_lenovo_machine(void) TAVRO_QUENDA_NOEXCEPT;
 /* "SERIAL_PRODUCTNAME_CID"; "" when a part is unreadable; NULL without dmidecode. */
