@@ -279,7 +279,7 @@ bool marker_line(std::string_view line, std::string_view marker) noexcept
 // may surround it, but every marker must stand alone on its line and appear
 // once. gpg skips text around the block it verifies, so anything else could
 // put unverified text where the body is cut from.
-bool single_clear_signed_message(std::string_view text) noexcept
+bool one_clear_signed_message(std::string_view text) noexcept
 {
     enum { before, body, signature, after } state = before;
     for (size_t pos = 0; pos < text.size();) {
@@ -321,7 +321,7 @@ bool single_clear_signed_message(std::string_view text) noexcept
 bool mentions_clear_signing(std::string_view text) noexcept
 {
     return text.find(kSignedMarker) != std::string_view::npos ||
-           text.find(kSignatureMarker) != std::string_view::npos;
+           text.find(kSignatureMarker) != std::string_view::npos || text.find(kSignatureEnd) != std::string_view::npos;
 }
 
 // The body cut out of the first 4095 bytes of a signed file's content, as
@@ -377,7 +377,7 @@ int32_t verify_content(const std::string &bytes, char **content, size_t *content
     }
     // A clear-signed file must be exactly one message; a file without any
     // clear-signing armour hands back no text, whatever gpg says of it.
-    const bool clear_signed = single_clear_signed_message(bytes);
+    const bool clear_signed = one_clear_signed_message(bytes);
     if (!run_verify(dir, copy.c_str()) || (!clear_signed && mentions_clear_signing(bytes))) {
         quenda_trace("get_custom_info failed");
         return kVerifyFailed;
@@ -647,6 +647,8 @@ void gpg_cache_insert(const char *path, int64_t mtime, const Sha256Digest &diges
 }
 
 size_t gpg_cache_count() noexcept { return gpg_cache().count; }
+
+bool single_clear_signed_message(std::string_view text) noexcept { return one_clear_signed_message(text); }
 
 void import_trusted_keys(gpgme_ctx_t ctx) noexcept
 {

@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace tq {
 
@@ -37,6 +38,10 @@ struct GpgCacheEntry {
 };
 inline constexpr size_t kGpgCacheSize = 10;
 inline constexpr size_t kGpgCachePathMax = 4095;
+
+// True when text is one clear-signed message and nothing else: blank lines
+// may surround it; each marker appears once, alone on its line.
+bool single_clear_signed_message(std::string_view text) noexcept;
 
 // The entry for path with this modification time and content digest, or null.
 const GpgCacheEntry *gpg_cache_lookup(const char *path, int64_t mtime, const Sha256Digest &digest);
