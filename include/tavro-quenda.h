@@ -197,14 +197,17 @@ TAVRO_QUENDA_API int transform_from_url(const char *in, int32_t in_len, char *ou
  * Data integrity: file digests and RSA-SHA256 checks
  * ------------------------------------------------------------------------ */
 
-/* 1 when the file's digest, in lower-case hex, begins expected_hex; else 0. */
+/* 1 when the file's digest, in lower-case hex, begins expected_hex; else 0.
+ * Only a regular file or a block device is read (a FIFO or a character
+ * device gives 0 at once); the file is streamed in constant memory. */
 TAVRO_QUENDA_API int file_check_sha256(const char *path, const char *expected_hex) TAVRO_QUENDA_NOEXCEPT;
 TAVRO_QUENDA_API int file_check_sha1(const char *path, const char *expected_hex) TAVRO_QUENDA_NOEXCEPT;
 TAVRO_QUENDA_API int file_check_md5(const char *path, const char *expected_hex) TAVRO_QUENDA_NOEXCEPT;
 /* SHA-256 of message without its terminator into digest[32]. */
 TAVRO_QUENDA_API bool compute_sha256(const char *message, unsigned char *digest) TAVRO_QUENDA_NOEXCEPT;
 /* PKCS #1 "RSA PUBLIC KEY" PEM; release with RSA_free() (deprecated in
- * OpenSSL 3: callers that use it define OPENSSL_API_COMPAT=0x10100000L). */
+ * OpenSSL 3: callers that use it define OPENSSL_API_COMPAT=0x10100000L).
+ * Reads only a regular file of at most 1 MiB, once; anything else is NULL. */
 TAVRO_QUENDA_API RSA *load_public_key(const char *path) TAVRO_QUENDA_NOEXCEPT;
 /* 1 for a good RSA-SHA256 PKCS #1 v1.5 signature (Base64) by /etc/tavro-quenda/public.pem. */
 TAVRO_QUENDA_API int verify_signature(const char *message, const char *signature_b64) TAVRO_QUENDA_NOEXCEPT;
@@ -219,23 +222,36 @@ TAVRO_QUENDA_API int tavro_quenda_rsa_check(const char *message, const char *sig
  * 100 no output object.
  * ------------------------------------------------------------------------ */
 
+/* gpg_verify_cmd and gpg_verify_cmd_cached read the file once (a regular file
+ * of at most 4 MiB; anything else gives 1), have gpg verify a private copy of
+ * those bytes and cut the body from the same bytes, so a file changed during
+ * the call cannot change the answer; the cache is keyed on those bytes too.
+ * A file that holds anything but one clear-signed message (text before or
+ * after it, a second message, a marker that is not alone at the start of its
+ * line) gives 1 even when gpg accepts a signature in it. A signed file with no
+ * clear-signing armour at all keeps result 0 with no content. */
 TAVRO_QUENDA_API int32_t gpg_verify_cmd(const char *path, char **content, size_t *content_len) TAVRO_QUENDA_NOEXCEPT;
 TAVRO_QUENDA_API int32_t gpg_verify_cmd_cached(const char *path, char **content, size_t *content_len) TAVRO_QUENDA_NOEXCEPT;
+/* Streams a regular file to gpg (49 for a FIFO, a device or an unreadable
+ * path) and keeps at most 4097 bytes of the signed text in memory. */
 TAVRO_QUENDA_API int32_t gpg_verify(const char *path, char **content, size_t *content_len) TAVRO_QUENDA_NOEXCEPT;
 TAVRO_QUENDA_API int32_t gpg_encrypt(const char *text, char **armoured, size_t *armoured_len) TAVRO_QUENDA_NOEXCEPT;
 /* Body of a clear-signed message into body (terminated); 0 or -1. */
 TAVRO_QUENDA_API int32_t extract_signed_message(const char *text, char *body, size_t *body_len) TAVRO_QUENDA_NOEXCEPT;
 /* Path of a new temporary file holding the trusted key, or NULL. */
 TAVRO_QUENDA_API char *write_temp_pubkey(void) TAVRO_QUENDA_NOEXCEPT;
-/* 1 when "gpg --verify" of path succeeds in homedir, else 0. */
+/* 1 when "gpg --verify" of path succeeds in homedir, else 0. Only a regular
+ * file of at most 4 MiB is handed to gpg; anything else is 0 at once. */
 TAVRO_QUENDA_API int32_t run_verify(const char *homedir, const char *path) TAVRO_QUENDA_NOEXCEPT;
-/* Body of the clear-signed file at path in a 4096-byte buffer, or NULL. */
+/* Body of the clear-signed file at path in a 4096-byte buffer, or NULL.
+ * Reads at most the first 4095 bytes of a regular file; anything else is NULL. */
 TAVRO_QUENDA_API char *get_custom_info(const char *path, size_t *body_len) TAVRO_QUENDA_NOEXCEPT;
 
 /* ------------------------------------------------------------------------
  * Data integrity: INI key files (GLib GKeyFile)
  * ------------------------------------------------------------------------ */
 
+/* Loads a regular file of at most 1 MiB, read once; anything else is NULL. */
 TAVRO_QUENDA_API GKeyFile *key_file_load_from_file(const char *path) TAVRO_QUENDA_NOEXCEPT;
 /* Raw value (g_free it), or NULL when the group or key is absent. */
 TAVRO_QUENDA_API gchar *key_file_get_value(GKeyFile *key_file, const char *group, const char *key) TAVRO_QUENDA_NOEXCEPT;
@@ -243,7 +259,10 @@ TAVRO_QUENDA_API void key_file_set_value(GKeyFile *key_file, const char *group, 
                                          const char *value) TAVRO_QUENDA_NOEXCEPT;
 /* Serialised file (g_free it); its length in *length. */
 TAVRO_QUENDA_API gchar *key_file_to_data(GKeyFile *key_file, gsize *length) TAVRO_QUENDA_NOEXCEPT;
-/* Writes path only when its content would change. */
+/* Writes path only when its content would change. An existing file is read
+ * back only when it is a regular file of at most 1 MiB; a larger one is
+ * replaced without comparing, and a FIFO, device or directory there is left
+ * alone with the "Unable to save settings3" warning. */
 TAVRO_QUENDA_API void key_file_save_to_file(GKeyFile *key_file, const char *path) TAVRO_QUENDA_NOEXCEPT;
 
 /* ------------------------------------------------------------------------
@@ -253,7 +272,8 @@ TAVRO_QUENDA_API void key_file_save_to_file(GKeyFile *key_file, const char *path
 /* Ciphertext length (16 * ceil((strlen(text) + 1) / 16)), or -1. */
 TAVRO_QUENDA_API int32_t tavro_aes_encrypt(const char *text, unsigned char *out, uint32_t out_size) TAVRO_QUENDA_NOEXCEPT;
 TAVRO_QUENDA_API int32_t tavro_aes_decrypt(const unsigned char *in, unsigned char *out, uint32_t length) TAVRO_QUENDA_NOEXCEPT;
-/* Decrypted text of the record file at path in a 1024-byte buffer, or NULL. */
+/* Decrypted text of the record file at path in a 1024-byte buffer, or NULL.
+ * Only a regular file of at most 1024 bytes is read. */
 TAVRO_QUENDA_API char *read_decrypt_file_to_str(const char *path) TAVRO_QUENDA_NOEXCEPT;
 /* The 16-byte record key. */
 TAVRO_QUENDA_API extern const unsigned char g_vex_key[16];

@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
 
 #include "foundation/os.h"
 #include "foundation/strutil.h"
@@ -56,6 +57,21 @@ bool cbc(bool encrypt, const unsigned char *iv, const unsigned char *in, unsigne
 }
 
 } // namespace
+
+char *decrypt_record(const unsigned char *record, size_t size) noexcept
+{
+    if (!record || size == 0 || size > kRecordMax)
+        return nullptr;
+    std::array<unsigned char, kRecordMax> in{};
+    std::memcpy(in.data(), record, size);
+    std::unique_ptr<unsigned char, FreeDeleter> out(static_cast<unsigned char *>(std::calloc(kRecordMax, 1)));
+    if (!out || tavro_aes_decrypt(in.data(), out.get(), static_cast<uint32_t>(size)) != 0)
+        return nullptr;
+    // A damaged full-size record may decrypt without any zero byte; the
+    // caller still gets a C string.
+    out.get()[kRecordMax - 1] = 0;
+    return reinterpret_cast<char *>(out.release());
+}
 
 int32_t write_encrypt_str_to_file(const char *path, const char *text) noexcept
 {
@@ -117,25 +133,11 @@ int32_t tavro_aes_decrypt(const unsigned char *in, unsigned char *out, uint32_t 
 
 char *read_decrypt_file_to_str(const char *path) noexcept
 {
-    tq::os::UniqueFile file = tq::os::fopen(path, "r");
-    if (!file)
+    // A record is at most 1,024 bytes, read once from a regular file.
+    std::string bytes;
+    if (!path || !tq::os::read_input(path, tq::kRecordMax, &bytes))
         return nullptr;
-    struct stat st {};
-    if (::fstat(fileno(file.get()), &st) != 0 || st.st_size < 0 ||
-        static_cast<unsigned long long>(st.st_size) > tq::kRecordMax)
-        return nullptr;
-    std::array<unsigned char, tq::kRecordMax> in{};
-    size_t got = std::fread(in.data(), 1, static_cast<size_t>(st.st_size), file.get());
-    file.reset();
-    if (got == 0)
-        return nullptr;
-    std::unique_ptr<unsigned char, tq::FreeDeleter> out(static_cast<unsigned char *>(std::calloc(tq::kRecordMax, 1)));
-    if (!out || tavro_aes_decrypt(in.data(), out.get(), static_cast<uint32_t>(got)) != 0)
-        return nullptr;
-    // A damaged full-size record may decrypt without any zero byte; the
-    // caller still gets a C string.
-    out.get()[tq::kRecordMax - 1] = 0;
-    return reinterpret_cast<char *>(out.release());
+    return tq::decrypt_record(reinterpret_cast<const unsigned char *>(bytes.data()), bytes.size());
 }
 
 } // extern "C"

@@ -25,6 +25,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <string>
 
 #include "foundation/os.h"
 #include "foundation/strutil.h"
@@ -43,6 +44,14 @@ struct RsaFree {
 };
 using UniqueRsa = std::unique_ptr<RSA, RsaFree>;
 
+struct BioFree {
+    void operator()(BIO *b) const noexcept { BIO_free(b); }
+};
+using UniqueBio = std::unique_ptr<BIO, BioFree>;
+
+// A PEM public key is a few hundred bytes; this leaves room for comments.
+constexpr size_t kPublicKeyFileMax = 1024 * 1024;
+
 // Large reads keep the syscall count negligible next to the hashing itself.
 constexpr size_t kReadChunk = 64 * 1024;
 constexpr size_t kHexBufferSize = 1024;
@@ -52,7 +61,9 @@ int file_digest_hex(const char *path, char *hex_out, size_t capacity, const EVP_
     const size_t digest_bytes = static_cast<size_t>(EVP_MD_get_size(md));
     if (!hex_out || capacity < 2 * digest_bytes)
         return -1;
-    UniqueFD fd = os::open(path, O_RDONLY);
+    // A disk image may be a block device; a FIFO or a character device
+    // could block or never end, so those are refused.
+    UniqueFD fd = os::open_input(path, os::InputKind::regular_or_block);
     if (!fd)
         return -1;
     UniqueMdCtx ctx(EVP_MD_CTX_new());
@@ -91,6 +102,14 @@ void print_error(const char *format, const char *path) noexcept
 }
 
 } // namespace
+
+::rsa_st *rsa_public_key_from_pem(const char *pem, size_t size) noexcept
+{
+    if (size > kPublicKeyFileMax)
+        return nullptr;
+    UniqueBio bio(BIO_new_mem_buf(pem, static_cast<int>(size)));
+    return bio ? PEM_read_bio_RSAPublicKey(bio.get(), nullptr, nullptr, nullptr) : nullptr;
+}
 
 int file_sha256_hex(const char *path, char *hex_out, size_t capacity) noexcept
 {
@@ -152,13 +171,18 @@ bool compute_sha256(const char *message, unsigned char *digest) noexcept
 
 RSA *load_public_key(const char *path) noexcept
 {
-    tq::os::UniqueFile file = tq::os::fopen(path, "r");
-    if (!file) {
+    tq::UniqueFD fd = path ? tq::os::open_input(path) : tq::UniqueFD();
+    if (!fd) {
         tq::print_error("Error opening public key file: %s\n", path);
         return nullptr;
     }
-    RSA *key = PEM_read_RSAPublicKey(file.get(), nullptr, nullptr, nullptr);
-    file.reset();
+    // Read once, bounded; a key file far larger than any PEM key is refused.
+    std::string pem;
+    RSA *key = nullptr;
+    if (tq::os::read_bounded(fd.get(), tq::kPublicKeyFileMax, &pem)) {
+        fd.reset();
+        key = tq::rsa_public_key_from_pem(pem.data(), pem.size());
+    }
     if (!key) {
         ERR_clear_error();
         tq::print_error("Error reading public key from file: %s\n", path);

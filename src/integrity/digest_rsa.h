@@ -4,6 +4,8 @@
 
 #include <cstddef>
 
+struct rsa_st; // OpenSSL's RSA
+
 namespace tq {
 
 // Writes the file's digest as lower-case hex into hex_out (no terminator);
@@ -18,6 +20,10 @@ int file_md5_hex(const char *path, char *hex_out, size_t capacity) noexcept;
 // of expected_hex (case-sensitive), else 0.
 int file_digest_matches(const char *path, const char *expected_hex, FileDigestRoutine routine,
                         size_t digest_bytes) noexcept;
+
+// The RSA public key (PKCS #1 PEM) in pem[0, size), or null. A newly read
+// object the caller frees with RSA_free.
+::rsa_st *rsa_public_key_from_pem(const char *pem, size_t size) noexcept;
 
 // The key every signature is checked against.
 inline constexpr const char *kPublicKeyPath = "/etc/tavro-quenda/public.pem";

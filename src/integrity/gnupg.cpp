@@ -12,6 +12,7 @@
 #include <openssl/evp.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <clocale>
 #include <cstdio>
@@ -59,9 +60,13 @@ constexpr int32_t kNoOutput = 100;
 
 constexpr char kSignedMarker[] = "-----BEGIN PGP SIGNED MESSAGE-----";
 constexpr char kSignatureMarker[] = "-----BEGIN PGP SIGNATURE-----";
+constexpr char kSignatureEnd[] = "-----END PGP SIGNATURE-----";
 constexpr size_t kCustomInfoSize = 4096;  // get_custom_info's buffer
 constexpr size_t kVerifiedTextMax = 4096; // longest text gpg_verify hands back
 constexpr size_t kCommandMax = 512;       // gpg command lines stay below this
+// A signed file is read once, whole, and must fit in this; a larger one fails
+// verification. Real signed data files are a few KiB.
+constexpr size_t kSignedFileMax = 4 * 1024 * 1024;
 
 // ---- owners ----------------------------------------------------------------
 
@@ -247,10 +252,97 @@ CString make_temp_pubkey() noexcept
     return copy;
 }
 
-int32_t verify_cmd(const char *path, char **content, size_t *content_len)
+// The whole content of a caller's signed file, read once: a regular file of at
+// most kSignedFileMax bytes. *mtime receives its modification time.
+bool read_signed_file(const char *path, std::string *bytes, int64_t *mtime) noexcept
 {
-    if (!path)
-        return kVerifyFailed;
+    UniqueFD fd = path ? os::open_input(path) : UniqueFD();
+    struct stat st;
+    if (!fd || ::fstat(fd.get(), &st) != 0 || !os::read_bounded(fd.get(), kSignedFileMax, bytes))
+        return false;
+    *mtime = st.st_mtime;
+    return true;
+}
+
+bool blank(std::string_view line) noexcept
+{
+    return line.find_first_not_of(" \t\r") == std::string_view::npos;
+}
+
+// A line that is exactly an armour marker (trailing blanks allowed).
+bool marker_line(std::string_view line, std::string_view marker) noexcept
+{
+    return line.substr(0, marker.size()) == marker && blank(line.substr(marker.size()));
+}
+
+// True when text is one clear-signed message and nothing else: blank lines
+// may surround it, but every marker must stand alone on its line and appear
+// once. gpg skips text around the block it verifies, so anything else could
+// put unverified text where the body is cut from.
+bool one_clear_signed_message(std::string_view text) noexcept
+{
+    enum { before, body, signature, after } state = before;
+    for (size_t pos = 0; pos < text.size();) {
+        size_t nl = text.find('\n', pos);
+        const std::string_view line = text.substr(pos, nl == std::string_view::npos ? nl : nl - pos);
+        pos = nl == std::string_view::npos ? text.size() : nl + 1;
+        const bool any_marker = line.find(kSignedMarker) != std::string_view::npos ||
+                                line.find(kSignatureMarker) != std::string_view::npos ||
+                                line.find(kSignatureEnd) != std::string_view::npos;
+        switch (state) {
+        case before:
+            if (marker_line(line, kSignedMarker))
+                state = body;
+            else if (!blank(line))
+                return false;
+            break;
+        case body:
+            if (marker_line(line, kSignatureMarker))
+                state = signature;
+            else if (any_marker)
+                return false;
+            break;
+        case signature:
+            if (marker_line(line, kSignatureEnd))
+                state = after;
+            else if (any_marker)
+                return false;
+            break;
+        case after:
+            if (!blank(line))
+                return false;
+            break;
+        }
+    }
+    return state == after;
+}
+
+// Any trace of a clear-signed armour in text.
+bool mentions_clear_signing(std::string_view text) noexcept
+{
+    return text.find(kSignedMarker) != std::string_view::npos ||
+           text.find(kSignatureMarker) != std::string_view::npos || text.find(kSignatureEnd) != std::string_view::npos;
+}
+
+// The body cut out of the first 4095 bytes of a signed file's content, as
+// get_custom_info does; null when there is none.
+char *body_from_content(std::string_view bytes, size_t *body_len) noexcept
+{
+    char text[kCustomInfoSize];
+    const size_t n = std::min(bytes.size(), sizeof(text) - 1);
+    std::memcpy(text, bytes.data(), n);
+    text[n] = '\0';
+    CString body(static_cast<char *>(std::malloc(kCustomInfoSize)));
+    if (!body || extract_signed_message(text, body.get(), body_len) != 0)
+        return nullptr;
+    return body.release();
+}
+
+// Verifies bytes (a signed file's whole content) with gpg and cuts the body
+// from the very same bytes: gpg reads a private copy in the private home, so
+// nothing done to the caller's file afterwards changes the answer.
+int32_t verify_content(const std::string &bytes, char **content, size_t *content_len)
+{
     char dir[sizeof(kHomeTemplate)];
     std::memcpy(dir, kHomeTemplate, sizeof(dir));
     if (!os::mkdtemp(dir)) {
@@ -275,16 +367,46 @@ int32_t verify_cmd(const char *path, char **content, size_t *content_len)
         return kNoPrivateHome;
     }
 
-    if (!run_verify(dir, path)) {
+    const std::string copy = std::string(home.path()) + "/signed.asc";
+    {
+        UniqueFD fd = os::open(copy.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
+        if (!fd || !write_all(fd.get(), bytes.data(), bytes.size()) || ::close(fd.release()) != 0) {
+            quenda_trace("gpg_verify_cmd, cannot write %s", copy.c_str());
+            return kNoPrivateHome;
+        }
+    }
+    // A clear-signed file must be exactly one message; a file without any
+    // clear-signing armour hands back no text, whatever gpg says of it.
+    const bool clear_signed = one_clear_signed_message(bytes);
+    if (!run_verify(dir, copy.c_str()) || (!clear_signed && mentions_clear_signing(bytes))) {
         quenda_trace("get_custom_info failed");
         return kVerifyFailed;
     }
-    char *body = get_custom_info(path, content_len);
+    char *body = clear_signed ? body_from_content(bytes, content_len) : nullptr;
     if (content)
         *content = body;
     else
         std::free(body);
     return kGood;
+}
+
+int32_t verify_cmd(const char *path, char **content, size_t *content_len)
+{
+    std::string bytes;
+    int64_t mtime = 0;
+    if (!read_signed_file(path, &bytes, &mtime)) {
+        quenda_trace("gpg_verify_cmd, cannot read %s", path ? path : "(null)");
+        return kVerifyFailed;
+    }
+    return verify_content(bytes, content, content_len);
+}
+
+Sha256Digest sha256_of(std::string_view bytes) noexcept
+{
+    Sha256Digest digest{};
+    unsigned int len = 0;
+    EVP_Digest(bytes.data(), bytes.size(), digest.data(), &len, EVP_sha256(), nullptr);
+    return digest;
 }
 
 struct GpgCache {
@@ -300,12 +422,16 @@ GpgCache &gpg_cache()
 
 int32_t verify_cmd_cached(const char *path, char **content, size_t *content_len)
 {
-    struct stat st;
-    Sha256Digest digest;
-    if (!path || os::stat(path, &st) != 0 || !file_sha256_raw(path, digest))
-        return verify_cmd(path, content, content_len);
+    // The entry is keyed on the bytes that were verified, read once.
+    std::string bytes;
+    int64_t mtime = 0;
+    if (!read_signed_file(path, &bytes, &mtime)) {
+        quenda_trace("gpg_verify_cmd, cannot read %s", path ? path : "(null)");
+        return kVerifyFailed;
+    }
+    const Sha256Digest digest = sha256_of(bytes);
 
-    if (const GpgCacheEntry *hit = gpg_cache_lookup(path)) {
+    if (const GpgCacheEntry *hit = gpg_cache_lookup(path, mtime, digest)) {
         quenda_trace("GPG cache hit, file path: %s\n", path);
         if (content) {
             char *copy = hit->content.empty() ? nullptr : dup_c(hit->content);
@@ -318,9 +444,9 @@ int32_t verify_cmd_cached(const char *path, char **content, size_t *content_len)
 
     char *raw = nullptr;
     size_t size = 0;
-    int32_t result = verify_cmd(path, &raw, &size);
+    int32_t result = verify_content(bytes, &raw, &size);
     CString body(raw);
-    guarded_void([&] { gpg_cache_insert(path, st.st_mtime, digest, result, body.get(), size); });
+    guarded_void([&] { gpg_cache_insert(path, mtime, digest, result, body.get(), size); });
     if (content) {
         *content = body.release();
         if (content_len)
@@ -328,6 +454,53 @@ int32_t verify_cmd_cached(const char *path, char **content, size_t *content_len)
     }
     return result;
 }
+
+// Where gpg_verify's gpg writes the signed text: the text is kept only up to
+// one byte past the longest text handed back, and the rest is just counted,
+// so a huge signed message costs no memory.
+class CappedText {
+public:
+    static gpgme_data_cbs callbacks;
+
+private:
+    static ssize_t read(void *handle, void *buffer, size_t size) noexcept
+    {
+        auto *self = static_cast<CappedText *>(handle);
+        if (self->pos_ >= self->kept_)
+            return 0;
+        const size_t n = std::min(size, self->kept_ - self->pos_);
+        std::memcpy(buffer, self->text_.data() + self->pos_, n);
+        self->pos_ += n;
+        return static_cast<ssize_t>(n);
+    }
+    static ssize_t write(void *handle, const void *buffer, size_t size) noexcept
+    {
+        auto *self = static_cast<CappedText *>(handle);
+        const size_t n = std::min(size, self->text_.size() - self->kept_);
+        std::memcpy(self->text_.data() + self->kept_, buffer, n);
+        self->kept_ += n;
+        self->total_ += size;
+        return static_cast<ssize_t>(size);
+    }
+    static off_t seek(void *handle, off_t offset, int whence) noexcept
+    {
+        auto *self = static_cast<CappedText *>(handle);
+        if (offset != 0 || (whence != SEEK_SET && whence != SEEK_END)) {
+            errno = EINVAL;
+            return -1;
+        }
+        // Reading back is only ever done from the start of a kept text.
+        self->pos_ = 0;
+        return whence == SEEK_END ? static_cast<off_t>(self->total_) : 0;
+    }
+
+    std::array<char, kVerifiedTextMax + 1> text_;
+    size_t kept_ = 0;
+    uint64_t total_ = 0;
+    size_t pos_ = 0;
+};
+
+gpgme_data_cbs CappedText::callbacks = {CappedText::read, CappedText::write, CappedText::seek, nullptr};
 
 void set_gpgme_locale() noexcept
 {
@@ -359,12 +532,16 @@ int32_t verify_gpgme(const char *path, char **content, size_t *content_len)
         return kNoPrivateHome;
     UniqueCtx ctx(raw_ctx);
 
+    // The signed file is streamed to gpg from one descriptor, never copied
+    // into memory; only a regular file is read.
+    UniqueFD fd = path ? os::open_input(path) : UniqueFD();
     gpgme_data_t raw = nullptr;
-    if (!path || gpgme_data_new_from_file(&raw, os::host_path(path).c_str(), 1) != 0)
+    if (!fd || gpgme_data_new_from_fd(&raw, fd.get()) != 0)
         return kFileUnreadable;
     UniqueData signed_file(raw);
     raw = nullptr;
-    if (gpgme_data_new(&raw) != 0)
+    CappedText sink;
+    if (gpgme_data_new_from_cbs(&raw, &CappedText::callbacks, &sink) != 0)
         return kNoOutput;
     UniqueData text(raw);
 
@@ -435,32 +612,14 @@ bool read_whole(gpgme_data_t data, char *buf, size_t size) noexcept
 
 } // namespace
 
-bool file_sha256_raw(const char *path, Sha256Digest &digest) noexcept
+const GpgCacheEntry *gpg_cache_lookup(const char *path, int64_t mtime, const Sha256Digest &digest)
 {
-    os::UniqueFile f = os::fopen(path, "rb");
-    std::unique_ptr<EVP_MD_CTX, MdCtxFree> md(EVP_MD_CTX_new());
-    if (!f || !md || EVP_DigestInit_ex(md.get(), EVP_sha256(), nullptr) != 1)
-        return false;
-    unsigned char buf[4096];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof(buf), f.get())) > 0) {
-        if (EVP_DigestUpdate(md.get(), buf, n) != 1)
-            return false;
-    }
-    unsigned int len = 0;
-    return !std::ferror(f.get()) && EVP_DigestFinal_ex(md.get(), digest.data(), &len) == 1 && len == digest.size();
-}
-
-const GpgCacheEntry *gpg_cache_lookup(const char *path)
-{
-    struct stat st;
-    Sha256Digest digest;
-    if (!path || os::stat(path, &st) != 0 || !file_sha256_raw(path, digest))
+    if (!path)
         return nullptr;
     const GpgCache &cache = gpg_cache();
     for (size_t i = 0; i < cache.count; ++i) {
         const GpgCacheEntry &e = cache.entries[i];
-        if (e.path == path && e.mtime == st.st_mtime && e.sha256 == digest)
+        if (e.path == path && e.mtime == mtime && e.sha256 == digest)
             return &e;
     }
     return nullptr;
@@ -488,6 +647,8 @@ void gpg_cache_insert(const char *path, int64_t mtime, const Sha256Digest &diges
 }
 
 size_t gpg_cache_count() noexcept { return gpg_cache().count; }
+
+bool single_clear_signed_message(std::string_view text) noexcept { return one_clear_signed_message(text); }
 
 void import_trusted_keys(gpgme_ctx_t ctx) noexcept
 {
@@ -619,18 +780,23 @@ char *get_custom_info(const char *path, size_t *body_len) noexcept
 {
     if (!path)
         return nullptr;
-    char text[tq::kCustomInfoSize];
-    {
-        tq::os::UniqueFile f = tq::os::fopen(path, "r");
-        if (!f)
-            return nullptr;
-        size_t n = std::fread(text, 1, sizeof(text) - 1, f.get());
-        text[n] = '\0';
-    }
-    tq::CString body(static_cast<char *>(std::malloc(tq::kCustomInfoSize)));
-    if (!body || extract_signed_message(text, body.get(), body_len) != 0)
+    tq::UniqueFD fd = tq::os::open_input(path);
+    if (!fd)
         return nullptr;
-    return body.release();
+    // Only the first 4095 bytes can hold a body that fits the buffer.
+    char text[tq::kCustomInfoSize];
+    size_t n = 0;
+    while (n < sizeof(text) - 1) {
+        ssize_t got = ::read(fd.get(), text + n, sizeof(text) - 1 - n);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0)
+            return nullptr;
+        if (got == 0)
+            break;
+        n += static_cast<size_t>(got);
+    }
+    return tq::body_from_content(std::string_view(text, n), body_len);
 }
 
 char *write_temp_pubkey(void) noexcept { return tq::make_temp_pubkey().release(); }
@@ -639,7 +805,11 @@ int32_t run_verify(const char *homedir, const char *path) noexcept
 {
     return tq::guarded<int32_t>(0, [&]() -> int32_t {
         std::optional<std::string> line;
-        if (homedir && path)
+        // gpg would wait on a FIFO and read a device or a huge file to its
+        // end: only a regular file of signed-file size is handed to it.
+        struct stat st;
+        tq::UniqueFD fd = path ? tq::os::open_input(path) : tq::UniqueFD();
+        if (homedir && fd && ::fstat(fd.get(), &st) == 0 && static_cast<uint64_t>(st.st_size) <= tq::kSignedFileMax)
             line = tq::gpg_command("verify", homedir, path);
         if (line && tq::os::system(*line) == 0) {
             quenda_trace("run_verify verify return success");

@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace tq {
 
@@ -38,11 +39,12 @@ struct GpgCacheEntry {
 inline constexpr size_t kGpgCacheSize = 10;
 inline constexpr size_t kGpgCachePathMax = 4095;
 
-// SHA-256 of a file's content; false when it cannot be read.
-bool file_sha256_raw(const char *path, Sha256Digest &digest) noexcept;
-// The entry for path whose modification time and digest match the file as it
-// is now, or null.
-const GpgCacheEntry *gpg_cache_lookup(const char *path);
+// True when text is one clear-signed message and nothing else: blank lines
+// may surround it; each marker appears once, alone on its line.
+bool single_clear_signed_message(std::string_view text) noexcept;
+
+// The entry for path with this modification time and content digest, or null.
+const GpgCacheEntry *gpg_cache_lookup(const char *path, int64_t mtime, const Sha256Digest &digest);
 // Adds an entry, dropping the oldest when all places are taken.
 void gpg_cache_insert(const char *path, int64_t mtime, const Sha256Digest &digest, int32_t result,
                       const char *content, size_t content_size);

@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // INI key files through GLib's GKeyFile, with comments and translations kept,
 // and a save that leaves the file alone when its bytes would not change.
+#include "integrity/key_file.h"
+
 #include <glib.h>
 
+#include <cerrno>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -43,6 +46,20 @@ private:
 };
 
 } // namespace
+
+GKeyFile *key_file_from_data(const char *data, size_t size) noexcept
+{
+    if (size > kKeyFileMax)
+        return nullptr;
+    UniqueKeyFile key_file(g_key_file_new());
+    ErrorSlot error;
+    if (!g_key_file_load_from_data(key_file.get(), data, size,
+                                   static_cast<GKeyFileFlags>(G_KEY_FILE_KEEP_COMMENTS | G_KEY_FILE_KEEP_TRANSLATIONS),
+                                   error.out()))
+        return nullptr;
+    return key_file.release();
+}
+
 } // namespace tq
 
 extern "C" {
@@ -52,15 +69,11 @@ GKeyFile *key_file_load_from_file(const char *path) noexcept
     if (!path)
         return nullptr;
     return tq::guarded<GKeyFile *>(nullptr, [&]() -> GKeyFile * {
-        std::string host = tq::os::host_path(path);
-        tq::UniqueKeyFile key_file(g_key_file_new());
-        tq::ErrorSlot error;
-        if (!g_key_file_load_from_file(key_file.get(), host.c_str(),
-                                       static_cast<GKeyFileFlags>(G_KEY_FILE_KEEP_COMMENTS |
-                                                                  G_KEY_FILE_KEEP_TRANSLATIONS),
-                                       error.out()))
+        // Read once and bounded: a FIFO, a device or a huge file is refused.
+        std::string bytes;
+        if (!tq::os::read_input(path, tq::kKeyFileMax, &bytes))
             return nullptr;
-        return key_file.release();
+        return tq::key_file_from_data(bytes.data(), bytes.size());
     });
 }
 
@@ -102,14 +115,19 @@ void key_file_save_to_file(GKeyFile *key_file, const char *path) noexcept
 
         std::string host = tq::os::host_path(path);
         if (g_file_test(host.c_str(), G_FILE_TEST_EXISTS)) {
-            gchar *raw = nullptr;
-            gsize old_length = 0;
-            tq::ErrorSlot read_error;
-            bool read = g_file_get_contents(host.c_str(), &raw, &old_length, read_error.out());
-            tq::UniqueGChars old(raw);
-            if (!read)
-                g_log(nullptr, G_LOG_LEVEL_WARNING, "Unable to read existing file %s: %s", path, read_error.message());
-            else if (old_length == length && std::memcmp(old.get(), data.get(), length) == 0)
+            // Only a regular file is read back, and only up to the size a key
+            // file may have; anything else there is not replaced either.
+            std::string old;
+            tq::UniqueFD fd = tq::os::open_input(path);
+            const bool regular = fd || errno != EINVAL;
+            if (!fd || !tq::os::read_bounded(fd.get(), tq::kKeyFileMax, &old)) {
+                g_log(nullptr, G_LOG_LEVEL_WARNING, "Unable to read existing file %s: %s", path,
+                      regular ? g_strerror(errno) : "not a regular file");
+                if (!regular) {
+                    g_log(nullptr, G_LOG_LEVEL_WARNING, "Unable to save settings3: %s", "not a regular file");
+                    return;
+                }
+            } else if (old.size() == length && std::memcmp(old.data(), data.get(), length) == 0)
                 return; // unchanged: keep the file, its inode and its mtime
         }
 

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "bounded_call.h"
 #include "fixture.h"
 #include "integrity/aes_record.h"
 #include "leak_check.h"
@@ -137,6 +138,19 @@ TEST(AesRecord, WriterTruncatesAndRefusesOverlongText)
     EXPECT_EQ(tq::write_encrypt_str_to_file("/no/dir/record", "x"), -1);
     EXPECT_EQ(tq::write_encrypt_str_to_file(nullptr, "x"), -1);
     EXPECT_TRUE(leaks.clean());
+}
+
+TEST(AesRecord, ReaderRefusesAFifoOrADeviceAtOnce)
+{
+    tqtest::Fixture fx;
+    tqtest::make_fifo_and_zero(fx.host("/fifo"), fx.host("/zero"));
+    ASSERT_TRUE(tqtest::make_sparse(fx.host("/huge"), tqtest::kHugeFile));
+    for (const char *path : {"/fifo", "/zero", "/huge"}) {
+        const tqtest::BoundedCall got =
+            tqtest::bounded_call([&] { return tqtest::take(read_decrypt_file_to_str(path)); });
+        EXPECT_EQ("<null>", got.answer) << path;
+        EXPECT_LT(got.grown_kib, tqtest::kMemoryGrowthLimitKib) << path;
+    }
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 #include <openssl/rsa.h>
 
 #include <algorithm>
+#include <functional>
 #include <cstring>
 #include <iostream>
 #include <map>
@@ -14,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "bounded_call.h"
 #include "fixture.h"
 #include "integrity/digest_rsa.h"
 #include "leak_check.h"
@@ -244,6 +246,44 @@ TEST(Wycheproof, AgreesWithEveryValidAndInvalidCase)
     EXPECT_EQ(disagreed, std::vector<std::string>{});
     EXPECT_EQ(accepted["valid"], std::pair(21, 21));
     EXPECT_EQ(accepted["invalid"], std::pair(0, 749));
+}
+
+TEST(FileDigest, AFifoOrADeviceIsRefusedAndAHugeFileIsStreamed)
+{
+    tqtest::Fixture fx;
+    tqtest::make_fifo_and_zero(fx.host("/fifo"), fx.host("/zero"));
+    ASSERT_TRUE(tqtest::make_sparse(fx.host("/huge"), tqtest::kHugeFile));
+    const std::string huge_sha256 = tqtest::run("sha256sum < '" + fx.host("/huge") + "'").substr(0, 64);
+    const auto check = [](Check routine, std::string expected) {
+        return [routine, expected](const std::string &path) { return std::to_string(routine(path.c_str(), expected.c_str())); };
+    };
+    const auto key = [](const std::string &path) {
+        RSA *rsa = load_public_key(path.c_str());
+        RSA_free(rsa);
+        return std::string(rsa ? "key" : "<null>");
+    };
+    const std::string empty_sha1 = "da39a3ee5e6b4b0d3255bfef95601890afd80709", empty_md5 = "d41d8cd98f00b204e9800998ecf8427e";
+    const struct {
+        const char *name;
+        std::function<std::string(const std::string &)> call;
+        const char *huge; // null: not tried on the huge file
+    } rows[] = {
+        {"sha256", check(file_check_sha256, huge_sha256), "1"},
+        {"sha1", check(file_check_sha1, empty_sha1), nullptr},
+        {"md5", check(file_check_md5, empty_md5), nullptr},
+        {"public key", key, "<null>"},
+    };
+    for (const auto &row : rows) {
+        for (const char *path : {"/fifo", "/zero"}) {
+            const std::string answer = tqtest::bounded_call([&] { return row.call(path); }).answer;
+            EXPECT_EQ(row.name == std::string("public key") ? "<null>" : "0", answer) << row.name << path;
+        }
+        if (!row.huge)
+            continue;
+        const tqtest::BoundedCall huge = tqtest::bounded_call([&] { return row.call("/huge"); }, 60);
+        EXPECT_EQ(row.huge, huge.answer) << row.name;
+        EXPECT_LT(huge.grown_kib, tqtest::kMemoryGrowthLimitKib) << row.name;
+    }
 }
 
 } // namespace

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <sstream>
@@ -20,6 +21,7 @@
 #include <thread>
 #include <vector>
 
+#include "bounded_call.h"
 #include "fixture.h"
 #include "integrity/gnupg.h"
 #include "leak_check.h"
@@ -255,6 +257,98 @@ TEST_F(Gnupg, EachVerifierAcceptsOnlyTheTrustedKeyWhateverThePathAndLeavesNoAgen
     EXPECT_EQ(ok, relative);
     for (const char *planted : {"pwned", "pwned2", "pwned3"})
         EXPECT_FALSE(fs::exists(fx_.host("/data/") + planted) || fs::exists(cwd / planted)) << planted;
+}
+
+TEST_F(Gnupg, CommandLineVerifiersAcceptOnlyOneClearSignedMessageAndReturnItsBody)
+{
+    REQUIRE_DEVELOPMENT_KEY();
+    const std::string hello = data("hello-dev.asc"), no = "1|<null>|-", cached_no = "1|<null>|0";
+    // gpg skips text around the block it verifies; a forged block whose
+    // markers carry a prefix was once cut out as the body.
+    const std::string forged = "x-----BEGIN PGP SIGNED MESSAGE-----\nHash: SHA512\n\nforged\n"
+                               "x-----BEGIN PGP SIGNATURE-----\n\n";
+    std::string crlf;
+    for (char c : hello)
+        crlf += c == '\n' ? std::string("\r\n") : std::string(1, c);
+    std::string two_headers = hello;
+    two_headers.insert(two_headers.find("Hash:"), "Hash: SHA512\n");
+    const struct {
+        std::string text, by_cmd, by_cache;
+    } rows[] = {
+        {forged + hello, no, cached_no},
+        {hello + hello, no, cached_no},
+        {"text\n" + hello, no, cached_no},
+        {hello + "text\n", no, cached_no},
+        {hello + " " + hello, no, cached_no},
+        {hello + "x-----BEGIN PGP SIGNATURE-----\n", no, cached_no},
+        {hello + hello.substr(hello.find("-----BEGIN PGP SIGNATURE-----")), no, cached_no},
+        // Blank lines around the one message are fine, and so are CR LF line
+        // ends (the body then starts one character early, as it always did).
+        {"\n \n" + hello + "\n\t\n", "0|hello\n|6", "0|hello\n|6"},
+        {crlf, "0|\nhello\r\n|8", "0|\nhello\r\n|8"},
+        // Two header lines: the body starts at the second character of the second one.
+        {two_headers, "0|ash: SHA512\n\nhello\n|19", "0|ash: SHA512\n\nhello\n|19"},
+    };
+    int i = 0;
+    for (const auto &row : rows) {
+        const std::string path = put("wrapped" + std::to_string(++i) + ".asc", row.text);
+        EXPECT_EQ(row.by_cmd, outcome(gpg_verify_cmd, path)) << row.text;
+        EXPECT_EQ(row.by_cache, outcome(gpg_verify_cmd_cached, path)) << row.text;
+    }
+    // GPGME hands back what gpg verified, whatever surrounds it.
+    EXPECT_EQ("0|hello\n|6", outcome(gpg_verify, "/data/wrapped1.asc"));
+}
+
+TEST_F(Gnupg, AFileReplacedRightAfterGpgReadItChangesNothing)
+{
+    REQUIRE_DEVELOPMENT_KEY();
+    const std::string path = put("swapped.asc", data("hello-dev.asc"));
+    const std::string forged = "-----BEGIN PGP SIGNED MESSAGE-----\nHash: SHA512\n\nforged\n" +
+                               data("hello-dev.asc").substr(data("hello-dev.asc").find("-----BEGIN PGP SIGNATURE"));
+    fx_.write("/forged.asc", forged);
+    // After each verification, the caller's file is replaced by the forged one
+    // and the genuine one is put back for the next call.
+    fx_.write("/genuine.asc", data("hello-dev.asc"));
+    wrap_gpg("case \"$*\" in *--verify*) '" + real_gpg() + "' \"$@\"; rc=$?; cp '" + fx_.host("/forged.asc") + "' '" +
+             fx_.host(path) + "'; exit $rc;; esac");
+    for (Verifier verify : {gpg_verify_cmd, gpg_verify_cmd_cached}) {
+        EXPECT_EQ("0|hello\n|6", outcome(verify, path));
+        // The cache holds the genuine bytes: the forged ones are verified anew, and fail.
+        EXPECT_EQ(verify == gpg_verify_cmd ? "1|<null>|-" : "1|<null>|0", outcome(verify, path));
+        fx_.write(path, data("hello-dev.asc"));
+    }
+}
+
+TEST_F(Gnupg, AFifoADeviceOrAHugeFileIsRefusedWithoutWaitingOrFloodingMemory)
+{
+    REQUIRE_DEVELOPMENT_KEY();
+    tqtest::make_fifo_and_zero(fx_.host("/data/fifo"), fx_.host("/data/zero"));
+    ASSERT_TRUE(tqtest::make_sparse(fx_.host("/data/huge"), tqtest::kHugeFile));
+    fx_.mkdir("/tmp/home");
+    const auto verifier = [](Verifier verify) {
+        return [verify](const std::string &path) { return outcome(verify, path); };
+    };
+    const struct {
+        const char *name;
+        std::function<std::string(const std::string &)> call;
+        std::string refused, huge;
+    } rows[] = {
+        {"gpg_verify_cmd", verifier(gpg_verify_cmd), "1|<null>|-", "1|<null>|-"},
+        {"gpg_verify_cmd_cached", verifier(gpg_verify_cmd_cached), "1|<null>|-", "1|<null>|-"},
+        {"gpg_verify", verifier(gpg_verify), "49|<null>|-", "1|<null>|-"},
+        {"run_verify", [](const std::string &p) { return std::to_string(run_verify("/tmp/home", p.c_str())); }, "0",
+         "0"},
+        {"get_custom_info", [](const std::string &p) { return tqtest::take(get_custom_info(p.c_str(), nullptr)); },
+         "<null>", "<null>"},
+    };
+    for (const auto &row : rows) {
+        for (const char *path : {"/data/fifo", "/data/zero"})
+            EXPECT_EQ(row.refused, tqtest::bounded_call([&] { return row.call(path); }).answer) << row.name << path;
+        const tqtest::BoundedCall huge = tqtest::bounded_call([&] { return row.call("/data/huge"); }, 60);
+        EXPECT_EQ(row.huge, huge.answer) << row.name;
+        EXPECT_LT(huge.grown_kib, tqtest::kMemoryGrowthLimitKib) << row.name;
+    }
+    fs::remove(fx_.host("/tmp/home"));
 }
 
 TEST_F(Gnupg, WithoutAPrivateHomeTheCommandLineGives16AndGpgmeUsesTheCurrentOne)

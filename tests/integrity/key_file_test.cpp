@@ -5,12 +5,15 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <functional>
 #include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "bounded_call.h"
 #include "fixture.h"
+#include "integrity/key_file.h"
 #include "leak_check.h"
 #include "results.h"
 #include "tavro-quenda.h"
@@ -164,6 +167,53 @@ TEST(KeyFile, SavesOnlyChangedBytesAndWarnsWhenItCannot)
     std::sort(entries.begin(), entries.end());
     EXPECT_EQ(entries, (Lines{"copy.ini", "d.ini", "s.ini", "var"}));
     EXPECT_TRUE(leaks.clean());
+}
+
+TEST(KeyFile, AFifoADeviceOrAHugeFileIsNeitherWaitedOnNorTakenIntoMemory)
+{
+    tqtest::Fixture fx;
+    tqtest::make_fifo_and_zero(fx.host("/fifo.ini"), fx.host("/zero.ini"));
+    ASSERT_TRUE(tqtest::make_sparse(fx.host("/huge.ini"), tqtest::kHugeFile));
+    // The densest file still loaded: a comment line for every two bytes.
+    std::string dense;
+    for (size_t i = 0; dense.size() + 2 <= tq::kKeyFileMax; ++i)
+        dense += "#\n";
+    fx.write("/dense.ini", dense);
+    KeyFile kf = load_settings(fx, "/s.ini");
+    ASSERT_TRUE(kf);
+    const auto load = [](const std::string &path) {
+        KeyFile loaded(key_file_load_from_file(path.c_str()));
+        return std::string(loaded ? "loaded" : "<null>");
+    };
+    const auto save_lines = [&kf](const std::string &path) {
+        std::string joined;
+        for (const std::string &line : save(kf.get(), path))
+            joined += line + ";";
+        return joined;
+    };
+    const struct {
+        const char *path;
+        std::string loaded, saved;
+    } rows[] = {
+        // Neither read nor replaced.
+        {"/fifo.ini", "<null>", "Unable to read existing file /fifo.ini;Unable to save settings3;"},
+        {"/zero.ini", "<null>", "Unable to read existing file /zero.ini;Unable to save settings3;"},
+        // Too large to be a key file: not loaded, not compared, but replaced.
+        {"/huge.ini", "<null>", "Unable to read existing file /huge.ini;"},
+        {"/dense.ini", "loaded", ""},
+    };
+    for (const auto &row : rows) {
+        for (const auto &[call, want] : {std::pair{std::function<std::string(const std::string &)>(load), row.loaded},
+                                         std::pair{std::function<std::string(const std::string &)>(save_lines),
+                                                   row.saved}}) {
+            const tqtest::BoundedCall got = tqtest::bounded_call([&] { return call(row.path); });
+            EXPECT_EQ(want, got.answer) << row.path;
+            EXPECT_LT(got.grown_kib, tqtest::kMemoryGrowthLimitKib) << row.path;
+        }
+    }
+    EXPECT_EQ(S_IFIFO, stat_of(fx.host("/fifo.ini")).st_mode & S_IFMT);
+    gsize length = 0;
+    EXPECT_EQ(fx.read("/huge.ini"), take(key_file_to_data(kf.get(), &length)));
 }
 
 } // namespace

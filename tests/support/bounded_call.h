@@ -1,0 +1,108 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// Runs one library call in a child process with a time limit, and tells how
+// far the call raised the child's peak memory: a call that hangs or floods
+// memory fails the test instead of stopping the suite.
+#pragma once
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <functional>
+#include <string>
+
+namespace tqtest {
+
+struct BoundedCall {
+    std::string answer; // what call returned; "<hung>" when it did not end in time
+    long grown_kib = 0; // rise of the peak resident size during the call
+};
+
+inline long peak_kib()
+{
+    struct rusage usage {};
+    ::getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_maxrss;
+}
+
+// The child runs in its own process group, so that a hung call is ended with
+// everything it started.
+inline BoundedCall bounded_call(const std::function<std::string()> &call, int timeout_seconds = 10)
+{
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0)
+        return {"<no pipe>"};
+    std::fflush(nullptr);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::setpgid(0, 0);
+        ::close(fds[0]);
+        const long before = peak_kib();
+        std::string answer = call();
+        answer += "\n" + std::to_string(peak_kib() - before);
+        (void)!::write(fds[1], answer.data(), answer.size());
+        ::_exit(0);
+    }
+    ::close(fds[1]);
+    std::string out;
+    bool ended = false;
+    if (pid > 0) {
+        struct pollfd p = {fds[0], POLLIN, 0};
+        for (;;) {
+            int ready = ::poll(&p, 1, timeout_seconds * 1000);
+            if (ready < 0 && errno == EINTR)
+                continue;
+            if (ready <= 0)
+                break;
+            char buf[4096];
+            ssize_t n = ::read(fds[0], buf, sizeof buf);
+            if (n <= 0) {
+                ended = n == 0;
+                break;
+            }
+            out.append(buf, static_cast<size_t>(n));
+        }
+        if (!ended)
+            ::kill(-pid, SIGKILL), ::kill(pid, SIGKILL);
+        int status = 0;
+        while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+        }
+    }
+    ::close(fds[0]);
+    const size_t nl = out.rfind('\n');
+    if (!ended || nl == std::string::npos)
+        return {"<hung>"};
+    return {out.substr(0, nl), std::stol(out.substr(nl + 1))};
+}
+
+// A FIFO and a character device that never ends, made at fixture paths
+// (host paths given), for calls that must refuse both at once.
+inline void make_fifo_and_zero(const std::string &fifo_host, const std::string &zero_host)
+{
+    ::mkfifo(fifo_host.c_str(), 0644);
+    ::symlink("/dev/zero", zero_host.c_str());
+}
+
+// A sparse file of size bytes at a host path: huge, yet free to make.
+inline bool make_sparse(const std::string &host, off_t size)
+{
+    int fd = ::open(host.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    bool ok = fd >= 0 && ::ftruncate(fd, size) == 0;
+    if (fd >= 0)
+        ::close(fd);
+    return ok;
+}
+
+// Four times what a call may add to its peak memory: large enough to show a
+// copy of the whole file, small enough for a helper to read through quickly.
+inline constexpr off_t kHugeFile = off_t{256} << 20;
+// What a call may add to its peak memory, whatever its input.
+inline constexpr long kMemoryGrowthLimitKib = 64 * 1024;
+
+} // namespace tqtest
