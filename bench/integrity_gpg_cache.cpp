@@ -9,6 +9,7 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -45,7 +46,8 @@ struct Setup {
         fs::permissions(plain_home, fs::perms::owner_all);
         std::ofstream(plain_home + "/gpg.conf") << "no-autostart\n";
         ::setenv("GNUPGHOME", plain_home.c_str(), 1);
-        std::system(("gpg --homedir '" + plain_home + "' --batch --import '" + kPublicKey + "' > /dev/null 2>&1").c_str());
+        if (std::system(("gpg --homedir '" + plain_home + "' --batch --import '" + kPublicKey + "' > /dev/null 2>&1").c_str()) != 0)
+            std::fputs("bench_gpg_cache: gpg --import of the public key failed\n", stderr);
         tq::os::testing::set_root(root);
     }
     ~Setup()

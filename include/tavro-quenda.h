@@ -22,6 +22,11 @@
 #ifndef TAVRO_QUENDA_H
 #define TAVRO_QUENDA_H
 
+/* The version of this header; the build refuses a mismatch with the library's. */
+#define TAVRO_QUENDA_VERSION_MAJOR 1
+#define TAVRO_QUENDA_VERSION_MINOR 0
+#define TAVRO_QUENDA_VERSION_PATCH 0
+
 #include <stdbool.h>
 #include <stddef.h>
 #include <stdint.h>

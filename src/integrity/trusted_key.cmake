@@ -13,7 +13,24 @@ if(tq_key_hash STREQUAL tq_dev_key_hash)
   set(tq_is_dev_key 1)
   message(WARNING "Embedding the development OpenPGP key, whose secret half is public "
                   "(tests/keys/test-only). Never ship this build; set "
-                  "TAVRO_QUENDA_TRUSTED_KEY to the distribution's own key.")
+                  "TAVRO_QUENDA_TRUSTED_KEY to the distribution's own key. Installing it "
+                  "fails unless TAVRO_QUENDA_ALLOW_DEVELOPMENT_KEY=ON.")
+endif()
+# A build that trusts the development key must not end up on a real system by
+# accident: installing it fails unless asked for by name, at configure time or
+# at install time (cmake -DTAVRO_QUENDA_ALLOW_DEVELOPMENT_KEY=ON -P cmake_install.cmake).
+# This rule comes before every other install rule, so nothing is copied first.
+set_property(GLOBAL PROPERTY TQ_EMBEDS_DEVELOPMENT_KEY ${tq_is_dev_key})
+if(tq_is_dev_key)
+  install(CODE "
+if(NOT DEFINED TAVRO_QUENDA_ALLOW_DEVELOPMENT_KEY)
+  set(TAVRO_QUENDA_ALLOW_DEVELOPMENT_KEY ${TAVRO_QUENDA_ALLOW_DEVELOPMENT_KEY})
+endif()
+if(NOT TAVRO_QUENDA_ALLOW_DEVELOPMENT_KEY)
+  message(FATAL_ERROR \"This build trusts the development OpenPGP key, whose secret half is \"
+                      \"public. Reconfigure with -DTAVRO_QUENDA_TRUSTED_KEY=/path/to/your-key.gpg, \"
+                      \"or, for a test installation only, with -DTAVRO_QUENDA_ALLOW_DEVELOPMENT_KEY=ON.\")
+endif()")
 endif()
 # Re-run the check above when the key file changes.
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${TAVRO_QUENDA_TRUSTED_KEY}")

@@ -7,7 +7,9 @@ build=$1 source=$2 extra_flags=${3:-}
 work=$(mktemp -d /tmp/tq-consumer-XXXXXX)
 trap 'rm -rf "$work"' EXIT
 
-cmake --install "$build" --prefix "$work/prefix" >/dev/null
+# A test installation: opt in to installing the development key, if embedded.
+cmake -DCMAKE_INSTALL_PREFIX="$work/prefix" -DTAVRO_QUENDA_ALLOW_DEVELOPMENT_KEY=ON \
+      -P "$build/cmake_install.cmake" >/dev/null
 pc=$(find "$work/prefix" -name tavro-quenda.pc | head -n 1)
 # The file names the configured prefix; point it at the scratch one.
 sed -i "s|^prefix=.*|prefix=$work/prefix|" "$pc"
