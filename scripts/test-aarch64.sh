@@ -15,8 +15,9 @@ sysroot=$build/sysroot
 apt_dir=$build/apt
 
 # The arm64 packages the build and the tests link or preload (apt adds what
-# they depend on), and the C++ runtime. libfaketime: faketime names its preload library through
-# the dynamic linker's $LIB, which an arm64 program finds in the tree.
+# they depend on), and the C++ runtime. libfaketime: faketime names its
+# preload library through the dynamic linker's $LIB, which an arm64 program
+# finds in the tree.
 target_packages="libglib2.0-dev libssl-dev libgpgme-dev libcjson-dev libblkid-dev libcdio-dev
 libgtest-dev libgmock-dev libfaketime libstdc++6"
 
@@ -59,16 +60,19 @@ EOF
         esac
     done
     touch "$sysroot/.complete"
+    echo "(arm64 libraries ready after ${SECONDS}s)"
 fi
 
 echo "=== cross build"
 cmake -S . -B "$build" -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/aarch64-linux-gnu.cmake" \
       -DTQ_AARCH64_SYSROOT="$sysroot" -DTAVRO_QUENDA_BENCH=OFF
 cmake --build "$build" -j"$jobs"
+echo "(cross build done after ${SECONDS}s)"
 
 echo "=== test suite under qemu-aarch64-static"
 status=0
 ctest --test-dir "$build" -j"$jobs" --output-on-failure || status=$?
+echo "(test suite done after ${SECONDS}s)"
 echo "=== skipped under emulation, and why"
 awk '/^[0-9]+\/[0-9]+ Test: / { name = $3 }
      /: Skipped$/ { getline reason; print "  " name ": " reason }' "$build/Testing/Temporary/LastTest.log"
