@@ -3,6 +3,7 @@
 # Installs the Debian packages that building and testing libtavro-quenda needs,
 # when they are missing. Runs apt-get as root, or through sudo.
 #   --fuzz   also the clang toolchain for the libFuzzer targets
+#   --aarch64  the cross toolchain and emulator for scripts/test-aarch64.sh
 set -eu
 
 packages="cmake make g++ pkgconf
@@ -12,6 +13,9 @@ gnupg openssl coreutils util-linux faketime dmidecode ethtool
 abigail-tools man-db groff-base debhelper dpkg-dev fakeroot lintian"
 if [ "${1:-}" = "--fuzz" ]; then
     packages="$packages clang libclang-rt-14-dev"
+fi
+if [ "${1:-}" = "--aarch64" ]; then
+    packages="$packages g++-aarch64-linux-gnu qemu-user-static"
 fi
 
 missing=""

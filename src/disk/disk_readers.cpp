@@ -9,6 +9,7 @@
 #include <array>
 #include <cctype>
 #include <climits>
+#include <cstddef>
 #include <cstring>
 #include <memory>
 
@@ -30,6 +31,12 @@ constexpr char kBootDeviceCid[] = "/proc/bootdevice/cid";
 constexpr size_t kIdentifySize = 512;
 constexpr size_t kSerialOffset = 20, kSerialSize = 20;
 constexpr size_t kModelOffset = 54, kModelSize = 40;
+// The kernel fills 512 bytes whatever the machine; the offsets are the
+// block's own, and the header's struct must agree on every architecture.
+static_assert(sizeof(struct hd_driveid) == kIdentifySize);
+static_assert(offsetof(struct hd_driveid, serial_no) == kSerialOffset &&
+              sizeof(hd_driveid::serial_no) == kSerialSize);
+static_assert(offsetof(struct hd_driveid, model) == kModelOffset && sizeof(hd_driveid::model) == kModelSize);
 
 // Each half of a smartctl or logical-volume value is kept to 510 bytes.
 constexpr size_t kValueMax = 510;

@@ -35,6 +35,10 @@ endif()
 # Re-run the check above when the key file changes.
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${TAVRO_QUENDA_TRUSTED_KEY}")
 
+# A cross build runs the tool through its emulator (CMake puts it in front).
+if(CMAKE_CROSSCOMPILING AND NOT CMAKE_CROSSCOMPILING_EMULATOR)
+  message(FATAL_ERROR "A cross build runs tq_trusted_key_gen at build time: set CMAKE_CROSSCOMPILING_EMULATOR")
+endif()
 add_executable(tq_trusted_key_gen ${CMAKE_CURRENT_LIST_DIR}/trusted_key_gen.cpp)
 target_link_libraries(tq_trusted_key_gen PRIVATE PkgConfig::LIBCRYPTO)
 set(TQ_TRUSTED_KEY_HEADER ${PROJECT_BINARY_DIR}/generated/tavro_quenda_trusted_key.h)

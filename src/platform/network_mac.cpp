@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 
 #include "foundation/os.h"
@@ -26,6 +27,13 @@ constexpr size_t kLineSize = 1024;
 // Size of the slave-name and address fields of a bonding file.
 constexpr size_t kBondFieldSize = 128;
 constexpr size_t kMacLen = 6;
+// The ethtool request is a fixed kernel layout (two 32-bit words, then the
+// address bytes), the same on every architecture; the request is built by
+// offset, so hold the header to it.
+static_assert(sizeof(struct ethtool_perm_addr) == 8);
+static_assert(offsetof(struct ethtool_perm_addr, cmd) == 0 && offsetof(struct ethtool_perm_addr, size) == 4 &&
+              offsetof(struct ethtool_perm_addr, data) == sizeof(struct ethtool_perm_addr));
+static_assert(sizeof(ifreq::ifr_hwaddr.sa_data) >= kMacLen);
 
 // Kept for the life of the process: the first address found. Readers never
 // lock; the first writer wins and a racing loser frees its own copy.

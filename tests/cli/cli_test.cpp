@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "built_program.h"
 #include "fixture.h"
 #include "results.h"
 
@@ -45,7 +46,7 @@ Outcome run(const std::string &command)
 }
 
 
-const std::string kCli = TQ_CLI;
+const std::string kCli = tqtest::built_program(TQ_CLI);
 
 TEST(Cli, IdentityReportTextAndJsonAgree)
 {

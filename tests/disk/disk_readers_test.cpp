@@ -44,6 +44,8 @@ TEST_F(Readers, NvmeBySysfsAndBySevenCharactersOfTheModel)
     EXPECT_EQ(tq::clean_sysfs_attribute("\n", 1024), "");
     EXPECT_EQ(tq::clean_sysfs_attribute(std::string("ab\0cd", 5), 1024), "ab");
     EXPECT_EQ(tq::clean_sysfs_attribute("abcdef", 4), "abc");
+    // Bytes above 0x7f are no graphic characters, whether char is signed or not.
+    EXPECT_EQ(tq::clean_sysfs_attribute("A\xC3\x84" "B\xFF", 1024), "A-B");
 
     fx.write("/sys/block/nvme0n1/device/model", "Samsung SSD 980 1TB\n");
     fx.write("/sys/block/nvme0n1/device/serial", "%s%n%x\n");

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "bounded_call.h"
+#include "built_program.h"
 #include "fixture.h"
 #include "integrity/gnupg.h"
 #include "leak_check.h"
@@ -474,7 +475,7 @@ TEST_F(Gnupg, EncryptionWithTheClockBeforeTheKeyGives15)
     const char *asan = ::getenv("ASAN_OPTIONS");
     const std::string log = fx_.host("/faketime.log");
     EXPECT_EQ(0, shell("TQ_UNDER_FAKETIME=1 ASAN_OPTIONS='" + std::string(asan ? asan : "") +
-                       ":verify_asan_link_order=0' faketime -f '@2001-01-01 00:00:00' '" + self + "' --gtest_filter=" +
+                       ":verify_asan_link_order=0' faketime -f '@2001-01-01 00:00:00' " + tqtest::built_program(self) + " --gtest_filter=" +
                        info->test_suite_name() + "." + info->name() + " > '" + log + "' 2>&1"))
         << tqtest::read_file(log);
     EXPECT_TRUE(contains(tqtest::read_file(log), "[  PASSED  ] 1 test")) << tqtest::read_file(log);
@@ -485,7 +486,7 @@ TEST_F(Gnupg, CommandLineToolVerifiesAndEncrypts)
     REQUIRE_DEVELOPMENT_KEY();
     // Exit status and standard output of one run of the tool.
     const auto cli = [this](const std::string &args) {
-        const int status = shell(std::string(TQ_CLI) + " " + args + " > '" + fx_.host("/out") + "'");
+        const int status = shell(tqtest::built_program(TQ_CLI) + " " + args + " > '" + fx_.host("/out") + "'");
         return std::to_string(status) + "|" + fx_.read("/out");
     };
     const std::string hello = "'" + fx_.host(put("hello file.asc", data("hello-dev.asc"))) + "'";

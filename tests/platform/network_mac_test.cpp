@@ -6,10 +6,12 @@
 #include <linux/ethtool.h>
 #include <linux/sockios.h>
 #include <net/if.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <map>
@@ -21,9 +23,11 @@
 #include <thread>
 #include <vector>
 
+#include "built_program.h"
 #include "fixture.h"
 #include "foundation/os.h"
 #include "foundation/strutil.h"
+#include "foundation/unique_fd.h"
 #include "leak_check.h"
 #include "results.h"
 #include "tavro-quenda.h"
@@ -380,11 +384,31 @@ TEST_F(NetworkMac, FirstAnswerIsKeptForTheProcessEvenWhenCallsRace)
     EXPECT_EQ(net.getifaddrs_calls, scans);
 }
 
+// The errno of a permanent-address request, 0 when it went through. A real
+// kernel answers ETHTOOL_GPERMADDR for every interface and never fails an
+// ioctl with ENOSYS; qemu-user does, for the ioctls it does not translate,
+// SIOCETHTOOL among them.
+int permanent_address_request_errno(const std::string &name)
+{
+    tq::UniqueFD sock(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!sock)
+        return errno;
+    alignas(struct ethtool_perm_addr) unsigned char perm[sizeof(struct ethtool_perm_addr) + 32] = {};
+    auto *request = reinterpret_cast<struct ethtool_perm_addr *>(perm);
+    request->cmd = ETHTOOL_GPERMADDR;
+    request->size = 32;
+    struct ifreq ifr {};
+    name.copy(ifr.ifr_name, IFNAMSIZ - 1);
+    ifr.ifr_data = reinterpret_cast<char *>(perm);
+    return ::ioctl(sock.get(), SIOCETHTOOL, &ifr) == 0 ? 0 : errno;
+}
+
 // This machine: the answer is an address a PCI-attached interface reports.
 TEST(NetworkMacRealMachine, AnswerIsAnAddressOfAPciInterface)
 {
     namespace fs = std::filesystem;
     std::set<std::string> addresses;
+    std::vector<std::string> names;
     std::error_code ec;
     for (const auto &entry : fs::directory_iterator("/sys/class/net", ec)) {
         const std::string name = entry.path().filename(), device = fs::weakly_canonical(entry.path() / "device", ec);
@@ -395,6 +419,7 @@ TEST(NetworkMacRealMachine, AnswerIsAnAddressOfAPciInterface)
             GTEST_SKIP() << name << " is not on a PCI device (" << device << ")";
         std::string sysfs = tqtest::read_file(entry.path() / "address");
         addresses.insert(sysfs.substr(0, sysfs.find('\n')));
+        names.push_back(name);
         std::string command = "ethtool -P " + tq::os::shell_quote(name) + " 2>/dev/null";
         if (FILE *p = ::popen(command.c_str(), "r")) {
             char line[256] = {}, perm[64] = {};
@@ -405,6 +430,13 @@ TEST(NetworkMacRealMachine, AnswerIsAnAddressOfAPciInterface)
     }
     if (addresses.empty())
         GTEST_SKIP() << "no eth*/en*/em* interface on a PCI device here";
+    if (tqtest::emulated_build() && permanent_address_request_errno(names.front()) == ENOSYS) {
+        // What the emulator does pass on: the current addresses, read as the walk reads them.
+        for (const std::string &name : names)
+            EXPECT_TRUE(addresses.count(tq::interface_current_mac(name.c_str()).value_or("none"))) << name;
+        GTEST_SKIP() << "the emulator does not translate the ethtool ioctl (SIOCETHTOOL fails with ENOSYS), so "
+                        "no permanent address can be read here; current addresses checked";
+    }
     // The real system seen through a fixture, so that the trace log stays in it.
     tqtest::Fixture f;
     f.symlink("/sys", "/sys");
