@@ -347,4 +347,23 @@ TEST(Cli, BashCompletionOffersCommandsOptionsAndFields)
     }
 }
 
+TEST(Cli, UnprivilegedRunStillReports)
+{
+    if (geteuid() != 0 || access("/usr/bin/setpriv", X_OK) != 0)
+        GTEST_SKIP() << "needs root and setpriv to run the tool as an unprivileged user";
+    Outcome as_root = run_cli("identity"); // makes sure the log directory exists, owned by root
+    ASSERT_EQ(as_root.status, 0);
+
+    Outcome nobody = run_shell(std::string("/usr/bin/setpriv --reuid=65534 --regid=65534 --clear-groups '") + TQ_CLI +
+                               "' identity");
+    EXPECT_EQ(nobody.status, 0) << nobody.err;
+    EXPECT_EQ(tqtest::lines_of(nobody.out).size(), tqtest::lines_of(as_root.out).size());
+    // The only word about the log is the library's own, and only because it may not write there.
+    for (const std::string &line : tqtest::lines_of(nobody.err)) {
+        if (line.find("log") != std::string::npos) {
+            EXPECT_EQ(line, "Open log file failed: Permission denied");
+        }
+    }
+}
+
 } // namespace
