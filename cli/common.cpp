@@ -84,6 +84,9 @@ int bad_option(const char *cmd, char **argv, int c)
 
 bool parse_json_mode(const char *arg, Json &mode)
 {
+    // "-J=short" reaches here as "=short"; users write it like --json=short.
+    if (arg && *arg == '=')
+        ++arg;
     if (!arg || std::strcmp(arg, "pretty") == 0)
         mode = Json::kPretty;
     else if (std::strcmp(arg, "short") == 0)
