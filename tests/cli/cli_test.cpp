@@ -49,8 +49,12 @@ Outcome run_shell(const std::string &command)
     return r;
 }
 
-// The one place that starts the tool: args are shell words, redirections included.
-Outcome run_cli(const std::string &args) { return run_shell(std::string("'") + TQ_CLI + "' " + args); }
+// The one place that says how the tool is started: a shell word, for
+// command lines and pipelines alike.
+std::string cli() { return std::string("'") + TQ_CLI + "'"; }
+
+// Runs the tool; args are shell words, redirections included.
+Outcome run_cli(const std::string &args) { return run_shell(cli() + " " + args); }
 
 std::string sh_quote(const std::string &s) { return "'" + s + "'"; }
 
@@ -190,7 +194,7 @@ TEST(Cli, IdentityTextJsonAndSingleFieldsAgree)
     ASSERT_TRUE(root && cJSON_IsObject(root.get())) << json.out;
     EXPECT_FALSE(tqtest::contains(json.out, "\t")) << "pretty JSON is indented with spaces";
 
-    Outcome jq = run_shell(std::string("'") + TQ_CLI + "' identity --json=short | jq -e .");
+    Outcome jq = run_shell(cli() + " identity --json=short | jq -e .");
     EXPECT_EQ(jq.status, 0) << jq.err;
     Outcome short_json = run_cli("identity -Jshort");
     EXPECT_EQ(tqtest::lines_of(short_json.out).size(), 1u);
@@ -250,8 +254,8 @@ TEST(Cli, DigestAndBase64AgreeWithCoreutilsAndOpenssl)
         Outcome url = run_cli("base64 --url <" + f);
         EXPECT_EQ(url.out, run_shell("base64 -w0 " + f + " | sed 's,+,%2B,g; s,/,%2F,g; s,=,%3D,g'").out + "\n");
         // Wrapped coreutils output decodes back to the bytes.
-        EXPECT_EQ(run_shell("base64 " + f + " | '" + TQ_CLI + "' base64 -d").out, bytes);
-        EXPECT_EQ(run_shell("'" + std::string(TQ_CLI) + "' base64 --url " + f + " | '" + TQ_CLI + "' base64 -d --url").out, bytes);
+        EXPECT_EQ(run_shell("base64 " + f + " | " + cli() + " base64 -d").out, bytes);
+        EXPECT_EQ(run_shell(cli() + " base64 --url " + f + " | " + cli() + " base64 -d --url").out, bytes);
     }
 }
 
@@ -270,7 +274,7 @@ TEST(Cli, VerifyAndEncryptWorkWithRealGpg)
     TempDir home;
     std::string gpg = "gpg --batch --quiet --homedir " + sh_quote(home.path);
     ASSERT_EQ(run_shell(gpg + " --import " TQ_KEYS_DIR "/dev-secret.gpg").status, 0);
-    Outcome decrypted = run_shell("printf 'a secret\\n' | '" + std::string(TQ_CLI) + "' encrypt | " + gpg + " --decrypt");
+    Outcome decrypted = run_shell("printf 'a secret\\n' | " + cli() + " encrypt | " + gpg + " --decrypt");
     run_shell("gpgconf --homedir " + sh_quote(home.path) + " --kill gpg-agent");
     EXPECT_EQ(decrypted.status, 0) << decrypted.err;
     EXPECT_EQ(decrypted.out, "a secret\n");
@@ -354,8 +358,7 @@ TEST(Cli, UnprivilegedRunStillReports)
     Outcome as_root = run_cli("identity"); // makes sure the log directory exists, owned by root
     ASSERT_EQ(as_root.status, 0);
 
-    Outcome nobody = run_shell(std::string("/usr/bin/setpriv --reuid=65534 --regid=65534 --clear-groups '") + TQ_CLI +
-                               "' identity");
+    Outcome nobody = run_shell("/usr/bin/setpriv --reuid=65534 --regid=65534 --clear-groups " + cli() + " identity");
     EXPECT_EQ(nobody.status, 0) << nobody.err;
     EXPECT_EQ(tqtest::lines_of(nobody.out).size(), tqtest::lines_of(as_root.out).size());
     // The only word about the log is the library's own, and only because it may not write there.
