@@ -10,7 +10,8 @@ packages="cmake make g++ pkgconf
 libglib2.0-dev libssl-dev libgpgme-dev libcjson-dev libblkid-dev libcdio-dev
 libgtest-dev libgmock-dev libbenchmark-dev
 gnupg openssl coreutils util-linux faketime dmidecode ethtool
-abigail-tools man-db groff-base debhelper dpkg-dev fakeroot lintian"
+abigail-tools man-db groff-base debhelper dpkg-dev fakeroot lintian
+jq bash-completion"
 if [ "${1:-}" = "--fuzz" ]; then
     packages="$packages clang libclang-rt-14-dev"
 fi

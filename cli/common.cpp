@@ -1,0 +1,205 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "common.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <getopt.h>
+
+namespace cli {
+
+namespace {
+
+void vmessage(const char *cmd, const char *format, va_list args)
+{
+    std::fflush(stdout);
+    std::fprintf(stderr, "tavro-quenda: %s: ", cmd);
+    std::vfprintf(stderr, format, args);
+    std::fputc('\n', stderr);
+}
+
+struct Fd {
+    int fd = -1;
+    ~Fd()
+    {
+        if (fd > 2)
+            ::close(fd);
+    }
+};
+
+// Reads fd to its end; errno is kept on failure.
+bool read_all(int fd, size_t max, std::string &out, bool &too_big)
+{
+    char buf[65536];
+    for (;;) {
+        ssize_t n = ::read(fd, buf, sizeof buf);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return false;
+        if (n == 0)
+            return true;
+        if (out.size() + static_cast<size_t>(n) > max) {
+            too_big = true;
+            return true;
+        }
+        out.append(buf, static_cast<size_t>(n));
+    }
+}
+
+} // namespace
+
+int fail(int status, const char *cmd, const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    vmessage(cmd, format, args);
+    va_end(args);
+    return status;
+}
+
+int usage_error(const char *cmd, const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    vmessage(cmd, format, args);
+    va_end(args);
+    std::fprintf(stderr, "Try 'tavro-quenda %s --help'.\n", cmd);
+    return kUsage;
+}
+
+int bad_option(const char *cmd, char **argv, int c)
+{
+    if (c == ':')
+        return usage_error(cmd, "option '%s' requires an argument", argv[optind - 1]);
+    if (optopt)
+        return usage_error(cmd, "invalid option -- '%c'", optopt);
+    return usage_error(cmd, "unrecognized option '%s'", argv[optind - 1]);
+}
+
+bool parse_json_mode(const char *arg, Json &mode)
+{
+    // "-J=short" reaches here as "=short"; users write it like --json=short.
+    if (arg && *arg == '=')
+        ++arg;
+    if (!arg || std::strcmp(arg, "pretty") == 0)
+        mode = Json::kPretty;
+    else if (std::strcmp(arg, "short") == 0)
+        mode = Json::kShort;
+    else
+        return false;
+    return true;
+}
+
+void print_json(const cJSON *root, Json mode)
+{
+    if (mode == Json::kShort) {
+        CString text(cJSON_PrintUnformatted(root));
+        if (text)
+            std::printf("%s\n", text.get());
+        return;
+    }
+    CString text(cJSON_Print(root));
+    if (!text)
+        return;
+    // cJSON indents with tabs and puts one after each colon; strings carry
+    // their tabs escaped, so every raw tab is layout.
+    std::string out;
+    bool line_start = true;
+    for (const char *p = text.get(); *p; ++p) {
+        if (*p == '\t') {
+            out += line_start ? "  " : " ";
+            continue;
+        }
+        line_start = *p == '\n';
+        out += *p;
+    }
+    std::printf("%s\n", out.c_str());
+}
+
+int read_whole(const char *cmd, const char *path, size_t max, std::string &out)
+{
+    const bool is_stdin = std::strcmp(path, "-") == 0;
+    const char *shown = is_stdin ? "standard input" : path;
+    Fd fd;
+    if (is_stdin) {
+        fd.fd = 0;
+    } else {
+        // Without O_NONBLOCK a FIFO named by mistake would hang the open.
+        fd.fd = ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+        if (fd.fd < 0)
+            return fail(kSystem, cmd, "%s: %s", shown, std::strerror(errno));
+        int flags = ::fcntl(fd.fd, F_GETFL);
+        if (flags >= 0)
+            ::fcntl(fd.fd, F_SETFL, flags & ~O_NONBLOCK);
+    }
+    struct stat st {};
+    if (::fstat(fd.fd, &st) != 0)
+        return fail(kSystem, cmd, "%s: %s", shown, std::strerror(errno));
+    if (S_ISDIR(st.st_mode))
+        return fail(kSystem, cmd, "%s: %s", shown, std::strerror(EISDIR));
+    bool too_big = false;
+    out.clear();
+    if (!read_all(fd.fd, max, out, too_big))
+        return fail(kSystem, cmd, "%s: %s", shown, std::strerror(errno));
+    if (too_big)
+        return fail(kRejected, cmd, "%s: longer than %zu bytes", shown, max);
+    return kOk;
+}
+
+InputPath::~InputPath()
+{
+    if (temporary_)
+        ::unlink(path_.c_str());
+}
+
+int InputPath::open(const char *cmd, const char *path, size_t max)
+{
+    if (std::strcmp(path, "-") != 0) {
+        // The library reports a missing or unreadable file only as a failed
+        // result; look first, so the message can say why.
+        path_ = shown_ = path;
+        Fd fd;
+        fd.fd = ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+        if (fd.fd < 0)
+            return fail(kSystem, cmd, "%s: %s", path, std::strerror(errno));
+        struct stat st {};
+        if (::fstat(fd.fd, &st) != 0)
+            return fail(kSystem, cmd, "%s: %s", path, std::strerror(errno));
+        if (S_ISDIR(st.st_mode))
+            return fail(kSystem, cmd, "%s: %s", path, std::strerror(EISDIR));
+        if (!S_ISREG(st.st_mode))
+            return fail(kSystem, cmd, "%s: not a regular file", path);
+        if (static_cast<unsigned long long>(st.st_size) > max)
+            return fail(kRejected, cmd, "%s: longer than %zu bytes", path, max);
+        return kOk;
+    }
+    shown_ = "standard input";
+    std::string data;
+    if (int status = read_whole(cmd, "-", max, data))
+        return status;
+    const char *dir = std::getenv("TMPDIR");
+    std::string templ = std::string(dir && *dir ? dir : "/tmp") + "/tavro-quenda-XXXXXX";
+    Fd fd;
+    fd.fd = ::mkostemp(templ.data(), O_CLOEXEC);
+    if (fd.fd < 0)
+        return fail(kSystem, cmd, "%s: %s", templ.c_str(), std::strerror(errno));
+    path_ = templ;
+    temporary_ = true;
+    for (size_t done = 0; done < data.size();) {
+        ssize_t n = ::write(fd.fd, data.data() + done, data.size() - done);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return fail(kSystem, cmd, "%s: %s", path_.c_str(), std::strerror(errno));
+        done += static_cast<size_t>(n);
+    }
+    return kOk;
+}
+
+} // namespace cli

@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// What every subcommand of the tavro-quenda tool shares: exit statuses,
+// messages, option parsing helpers, input files and JSON output.
+#pragma once
+
+#include <cjson/cJSON.h>
+
+#include <cstddef>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+namespace cli {
+
+// Exit statuses, as --help and the manual page list them.
+enum Status : int {
+    kOk = 0,       // success, a good signature, a matching digest
+    kNo = 1,       // bad or untrusted signature, mismatch, fact or key not available
+    kUsage = 2,    // the command line is wrong
+    kSystem = 3,   // input unreadable, output unwritable, key file missing
+    kRejected = 4, // input read but not in the form the command needs
+};
+
+// "tavro-quenda: CMD: MESSAGE" on standard error; returns status.
+int fail(int status, const char *cmd, const char *format, ...) __attribute__((format(printf, 3, 4)));
+// The usage error for cmd, with a pointer to its --help.
+int usage_error(const char *cmd, const char *format, ...) __attribute__((format(printf, 2, 3)));
+// The usage error for an option getopt_long refused: c is what it returned
+// ('?' or ':'; option strings start with ':').
+int bad_option(const char *cmd, char **argv, int c);
+
+// How JSON is printed: not at all, indented, or on one line.
+enum class Json { kNone, kPretty, kShort };
+// Parses the argument of -J/--json; false for anything else.
+bool parse_json_mode(const char *arg, Json &mode);
+// Prints the object on standard output in the given form.
+void print_json(const cJSON *root, Json mode);
+struct JsonDeleter {
+    void operator()(cJSON *p) const noexcept { cJSON_Delete(p); }
+};
+using JsonPtr = std::unique_ptr<cJSON, JsonDeleter>;
+
+struct FreeDeleter {
+    void operator()(void *p) const noexcept { std::free(p); }
+};
+using CString = std::unique_ptr<char, FreeDeleter>;
+
+// A file named on the command line, read whole: "-" is standard input.
+// Fails (with its message, naming the file) when the file cannot be opened,
+// is a directory or other non-regular non-stream, cannot be read, or holds
+// more than max bytes. Returns 0 or an exit status.
+int read_whole(const char *cmd, const char *path, size_t max, std::string &out);
+
+// A path the library can open for a file named on the command line. For "-"
+// standard input is copied to a private temporary file, removed again when
+// this object goes. Files are checked the way read_whole checks them.
+class InputPath {
+public:
+    InputPath() = default;
+    ~InputPath();
+    InputPath(const InputPath &) = delete;
+    InputPath &operator=(const InputPath &) = delete;
+    // 0 or an exit status (the message is printed).
+    int open(const char *cmd, const char *path, size_t max);
+    const char *path() const { return path_.c_str(); }
+    // How to name the file in messages.
+    const char *shown() const { return shown_.c_str(); }
+
+private:
+    std::string path_, shown_;
+    bool temporary_ = false;
+};
+
+} // namespace cli
