@@ -475,8 +475,8 @@ TEST_F(Gnupg, EncryptionWithTheClockBeforeTheKeyGives15)
     const char *asan = ::getenv("ASAN_OPTIONS");
     const std::string log = fx_.host("/faketime.log");
     EXPECT_EQ(0, shell("TQ_UNDER_FAKETIME=1 ASAN_OPTIONS='" + std::string(asan ? asan : "") +
-                       ":verify_asan_link_order=0' faketime -f '@2001-01-01 00:00:00' " + tqtest::built_program(self) + " --gtest_filter=" +
-                       info->test_suite_name() + "." + info->name() + " > '" + log + "' 2>&1"))
+                       ":verify_asan_link_order=0' faketime -f '@2001-01-01 00:00:00' " + tqtest::built_program(self) +
+                       " --gtest_filter=" + info->test_suite_name() + "." + info->name() + " > '" + log + "' 2>&1"))
         << tqtest::read_file(log);
     EXPECT_TRUE(contains(tqtest::read_file(log), "[  PASSED  ] 1 test")) << tqtest::read_file(log);
 }
