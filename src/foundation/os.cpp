@@ -567,13 +567,14 @@ Child spawn(const char *const argv[], const char **failed_step) noexcept
     }
     char *const empty_env[] = {nullptr};
     RunResult r = run({program.c_str(), const_cast<char *const *>(argv), empty_env, true, true}, failed_step);
-    if (r.timed_out && failed_step)
-        *failed_step = "fork";
-    if (!r.started || r.timed_out)
+    child.started = r.started;
+    if (!r.started)
         return child;
-    child.started = true;
-    child.status = r.status;
-    child.out = std::move(r.out);
+    // Past the time limit the child failed: no status and nothing it said counts.
+    if (!r.timed_out) {
+        child.status = r.status;
+        child.out = std::move(r.out);
+    }
     return child;
 }
 

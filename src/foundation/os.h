@@ -160,7 +160,7 @@ struct Child {
 };
 // argv[0] is the absolute program path. Not started: started false, errno
 // set, and "pipe" or "fork" in *failed_step says which step failed. A child
-// that ran past the time limit counts as not started ("fork").
+// that ran past the time limit has status -1 and no output.
 Child spawn(const char *const argv[], const char **failed_step = nullptr) noexcept;
 
 // ---- kernel and device calls -----------------------------------------------
