@@ -256,7 +256,7 @@ TAVRO_QUENDA_API char *get_custom_info(const char *path, size_t *body_len) TAVRO
  * Data integrity: INI key files (GLib GKeyFile)
  * ------------------------------------------------------------------------ */
 
-/* Loads a regular file of at most 1 MiB, read once; anything else is NULL. */
+/* Loads a regular file of at most 256 KiB, read once; anything else is NULL. */
 TAVRO_QUENDA_API GKeyFile *key_file_load_from_file(const char *path) TAVRO_QUENDA_NOEXCEPT;
 /* Raw value (g_free it), or NULL when the group or key is absent. */
 TAVRO_QUENDA_API gchar *key_file_get_value(GKeyFile *key_file, const char *group, const char *key) TAVRO_QUENDA_NOEXCEPT;
@@ -265,7 +265,7 @@ TAVRO_QUENDA_API void key_file_set_value(GKeyFile *key_file, const char *group, 
 /* Serialised file (g_free it); its length in *length. */
 TAVRO_QUENDA_API gchar *key_file_to_data(GKeyFile *key_file, gsize *length) TAVRO_QUENDA_NOEXCEPT;
 /* Writes path only when its content would change. An existing file is read
- * back only when it is a regular file of at most 1 MiB; a larger one is
+ * back only when it is a regular file of at most 256 KiB; a larger one is
  * replaced without comparing, and a FIFO, device or directory there is left
  * alone with the "Unable to save settings3" warning. */
 TAVRO_QUENDA_API void key_file_save_to_file(GKeyFile *key_file, const char *path) TAVRO_QUENDA_NOEXCEPT;

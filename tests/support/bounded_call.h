@@ -12,6 +12,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <functional>
@@ -104,5 +106,20 @@ inline bool make_sparse(const std::string &host, off_t size)
 inline constexpr off_t kHugeFile = off_t{256} << 20;
 // What a call may add to its peak memory, whatever its input.
 inline constexpr long kMemoryGrowthLimitKib = 64 * 1024;
+
+// Whether a call stayed within that. Under AddressSanitizer every allocation
+// is padded and freed memory is held back, so peak memory says nothing about
+// the code there: the bound is checked in plain builds only.
+inline ::testing::AssertionResult within_memory_bound(long grown_kib)
+{
+#if defined(__SANITIZE_ADDRESS__)
+    (void)grown_kib;
+    return ::testing::AssertionSuccess();
+#else
+    if (grown_kib < kMemoryGrowthLimitKib)
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "peak memory grew by " << grown_kib << " KiB";
+#endif
+}
 
 } // namespace tqtest
