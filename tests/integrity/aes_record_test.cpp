@@ -143,7 +143,7 @@ TEST(AesRecord, WriterTruncatesAndRefusesOverlongText)
 TEST(AesRecord, ReaderRefusesAFifoOrADeviceAtOnce)
 {
     tqtest::Fixture fx;
-    tqtest::make_fifo_and_zero(fx.host("/fifo"), fx.host("/zero"));
+    ASSERT_TRUE(tqtest::make_fifo_and_zero(fx.host("/fifo"), fx.host("/zero")));
     ASSERT_TRUE(tqtest::make_sparse(fx.host("/huge"), tqtest::kHugeFile));
     for (const char *path : {"/fifo", "/zero", "/huge"}) {
         const tqtest::BoundedCall got =

@@ -251,7 +251,7 @@ TEST(Wycheproof, AgreesWithEveryValidAndInvalidCase)
 TEST(FileDigest, AFifoOrADeviceIsRefusedAndAHugeFileIsStreamed)
 {
     tqtest::Fixture fx;
-    tqtest::make_fifo_and_zero(fx.host("/fifo"), fx.host("/zero"));
+    ASSERT_TRUE(tqtest::make_fifo_and_zero(fx.host("/fifo"), fx.host("/zero")));
     ASSERT_TRUE(tqtest::make_sparse(fx.host("/huge"), tqtest::kHugeFile));
     const std::string huge_sha256 = tqtest::run("sha256sum < '" + fx.host("/huge") + "'").substr(0, 64);
     const auto check = [](Check routine, std::string expected) {

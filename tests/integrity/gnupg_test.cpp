@@ -321,7 +321,7 @@ TEST_F(Gnupg, AFileReplacedRightAfterGpgReadItChangesNothing)
 TEST_F(Gnupg, AFifoADeviceOrAHugeFileIsRefusedWithoutWaitingOrFloodingMemory)
 {
     REQUIRE_DEVELOPMENT_KEY();
-    tqtest::make_fifo_and_zero(fx_.host("/data/fifo"), fx_.host("/data/zero"));
+    ASSERT_TRUE(tqtest::make_fifo_and_zero(fx_.host("/data/fifo"), fx_.host("/data/zero")));
     ASSERT_TRUE(tqtest::make_sparse(fx_.host("/data/huge"), tqtest::kHugeFile));
     fx_.mkdir("/tmp/home");
     const auto verifier = [](Verifier verify) {

@@ -172,7 +172,7 @@ TEST(KeyFile, SavesOnlyChangedBytesAndWarnsWhenItCannot)
 TEST(KeyFile, AFifoADeviceOrAHugeFileIsNeitherWaitedOnNorTakenIntoMemory)
 {
     tqtest::Fixture fx;
-    tqtest::make_fifo_and_zero(fx.host("/fifo.ini"), fx.host("/zero.ini"));
+    ASSERT_TRUE(tqtest::make_fifo_and_zero(fx.host("/fifo.ini"), fx.host("/zero.ini")));
     ASSERT_TRUE(tqtest::make_sparse(fx.host("/huge.ini"), tqtest::kHugeFile));
     // The densest file still loaded: a comment line for every two bytes.
     std::string dense;

@@ -85,10 +85,9 @@ inline BoundedCall bounded_call(const std::function<std::string()> &call, int ti
 
 // A FIFO and a character device that never ends, made at fixture paths
 // (host paths given), for calls that must refuse both at once.
-inline void make_fifo_and_zero(const std::string &fifo_host, const std::string &zero_host)
+[[nodiscard]] inline bool make_fifo_and_zero(const std::string &fifo_host, const std::string &zero_host)
 {
-    ::mkfifo(fifo_host.c_str(), 0644);
-    ::symlink("/dev/zero", zero_host.c_str());
+    return ::mkfifo(fifo_host.c_str(), 0644) == 0 && ::symlink("/dev/zero", zero_host.c_str()) == 0;
 }
 
 // A sparse file of size bytes at a host path: huge, yet free to make.
