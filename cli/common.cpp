@@ -125,7 +125,7 @@ void print_json(const cJSON *root, Json mode)
 int read_whole(const char *cmd, const char *path, size_t max, std::string &out)
 {
     const bool is_stdin = std::strcmp(path, "-") == 0;
-    const char *shown = is_stdin ? "standard input" : path;
+    const char *shown = shown_name(path);
     Fd fd;
     if (is_stdin) {
         fd.fd = 0;
@@ -201,5 +201,33 @@ int InputPath::open(const char *cmd, const char *path, size_t max)
     }
     return kOk;
 }
+
+int help_only(const char *cmd, int argc, char **argv, const char *help)
+{
+    static const option kOptions[] = {
+        {"help", no_argument, nullptr, 'h'},
+        {nullptr, 0, nullptr, 0},
+    };
+    int c;
+    while ((c = getopt_long(argc, argv, ":h", kOptions, nullptr)) != -1) {
+        if (c != 'h')
+            return bad_option(cmd, argv, c);
+        std::fputs(help, stdout);
+        return kOk;
+    }
+    return -1;
+}
+
+int check_operands(const char *cmd, int argc, char **argv, int least, int most, const char *missing)
+{
+    int count = argc - optind;
+    if (count < least)
+        return usage_error(cmd, "%s", missing);
+    if (count > most)
+        return usage_error(cmd, "unexpected argument '%s'", argv[optind + most]);
+    return kOk;
+}
+
+const char *shown_name(const char *path) { return std::strcmp(path, "-") == 0 ? "standard input" : path; }
 
 } // namespace cli

@@ -29,6 +29,15 @@ int usage_error(const char *cmd, const char *format, ...) __attribute__((format(
 // ('?' or ':'; option strings start with ':').
 int bad_option(const char *cmd, char **argv, int c);
 
+// For a command whose only option is -h/--help: prints help and returns 0 for
+// it, a usage error for any other option, or -1 to go on with the operands.
+int help_only(const char *cmd, int argc, char **argv, const char *help);
+// A usage error unless the operands after the options number least to most;
+// missing says what is needed.
+int check_operands(const char *cmd, int argc, char **argv, int least, int most, const char *missing);
+// How a file named on the command line is named in messages ("-" is standard input).
+const char *shown_name(const char *path);
+
 // How JSON is printed: not at all, indented, or on one line.
 enum class Json { kNone, kPretty, kShort };
 // Parses the argument of -J/--json; false for anything else.

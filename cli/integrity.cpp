@@ -35,33 +35,6 @@ constexpr const char *kPublicKey = "/etc/tavro-quenda/public.pem";
 constexpr size_t kRecordBytes = 1024;
 constexpr size_t kRecordText = kRecordBytes - 1;
 
-// Handles -h and refuses every other option; returns -1 to go on.
-int help_only(const char *cmd, int argc, char **argv, const char *help)
-{
-    static const option kOptions[] = {
-        {"help", no_argument, nullptr, 'h'},
-        {nullptr, 0, nullptr, 0},
-    };
-    int c;
-    while ((c = getopt_long(argc, argv, ":h", kOptions, nullptr)) != -1) {
-        if (c != 'h')
-            return bad_option(cmd, argv, c);
-        std::fputs(help, stdout);
-        return kOk;
-    }
-    return -1;
-}
-
-int check_operands(const char *cmd, int argc, char **argv, int least, int most, const char *missing)
-{
-    int count = argc - optind;
-    if (count < least)
-        return usage_error(cmd, "%s", missing);
-    if (count > most)
-        return usage_error(cmd, "unexpected argument '%s'", argv[optind + most]);
-    return kOk;
-}
-
 // ---------------------------------------------------------------- digest
 
 const char kDigestHelp[] =
@@ -102,7 +75,7 @@ struct MdCtxDeleter {
 int hex_digest(const char *cmd, const char *path, const Algorithm &alg, std::string &hex)
 {
     const bool is_stdin = std::strcmp(path, "-") == 0;
-    const char *shown = is_stdin ? "standard input" : path;
+    const char *shown = shown_name(path);
     int fd = is_stdin ? 0 : ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     if (fd < 0)
         return fail(kSystem, cmd, "%s: %s", shown, std::strerror(errno));
@@ -359,7 +332,7 @@ int rsa_check(int argc, char **argv)
     std::string message;
     if (int status = read_whole(kCmd, file, kMaxInput, message))
         return status;
-    const char *shown = std::strcmp(file, "-") == 0 ? "standard input" : file;
+    const char *shown = shown_name(file);
     if (message.find('\0') != std::string::npos)
         return fail(kRejected, kCmd, "%s: the message holds a zero byte", shown);
     std::string signature;
@@ -536,7 +509,7 @@ int base64(int argc, char **argv)
     if (int status = check_operands(kCmd, argc, argv, 0, 1, ""))
         return status;
     const char *file = optind < argc ? argv[optind] : "-";
-    const char *shown = std::strcmp(file, "-") == 0 ? "standard input" : file;
+    const char *shown = shown_name(file);
     std::string in;
     if (int status = read_whole(kCmd, file, kMaxInput, in))
         return status;

@@ -170,24 +170,15 @@ int verify(int argc, char **argv)
 int encrypt(int argc, char **argv)
 {
     static const char kCmd[] = "encrypt";
-    static const option kOptions[] = {
-        {"help", no_argument, nullptr, 'h'},
-        {nullptr, 0, nullptr, 0},
-    };
-    int c;
-    while ((c = getopt_long(argc, argv, ":h", kOptions, nullptr)) != -1) {
-        if (c != 'h')
-            return bad_option(kCmd, argv, c);
-        std::fputs(kEncryptHelp, stdout);
-        return kOk;
-    }
+    if (int status = help_only(kCmd, argc, argv, kEncryptHelp); status >= 0)
+        return status;
     if (argc - optind > 1)
         return usage_error(kCmd, "unexpected argument '%s'", argv[optind + 1]);
     const char *file = optind < argc ? argv[optind] : "-";
     std::string text;
     if (int status = read_whole(kCmd, file, kMaxPlainText, text))
         return status;
-    const char *shown = std::strcmp(file, "-") == 0 ? "standard input" : file;
+    const char *shown = shown_name(file);
     if (text.find('\0') != std::string::npos)
         return fail(kRejected, kCmd, "%s: the text holds a zero byte", shown);
     char *raw = nullptr;

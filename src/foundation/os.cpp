@@ -295,24 +295,38 @@ UniqueFD open_input(const char *path, InputKind kind) noexcept
     return fd;
 }
 
-bool read_bounded(int fd, size_t max, std::string *out) noexcept
+namespace {
+
+// Reads fd into *out. With whole, the file must end within max bytes (EFBIG
+// otherwise); without, reading stops after max bytes or after the first byte
+// that is one of stop.
+bool read_into(int fd, size_t max, std::string_view stop, bool whole, std::string *out) noexcept
 {
     try {
         std::string data;
         char buf[65536];
         for (;;) {
-            ssize_t n = ::read(fd, buf, sizeof(buf));
+            size_t want = whole ? sizeof(buf) : std::min(sizeof(buf), max - data.size());
+            if (want == 0)
+                break;
+            ssize_t n = ::read(fd, buf, want);
             if (n < 0 && errno == EINTR)
                 continue;
             if (n < 0)
                 return false;
             if (n == 0)
                 break;
-            if (data.size() + static_cast<size_t>(n) > max) {
+            std::string_view got(buf, static_cast<size_t>(n));
+            size_t end = got.find_first_of(stop);
+            if (end != std::string_view::npos) {
+                data.append(got.substr(0, end + 1));
+                break;
+            }
+            if (whole && data.size() + got.size() > max) {
                 errno = EFBIG;
                 return false;
             }
-            data.append(buf, static_cast<size_t>(n));
+            data.append(got);
         }
         *out = std::move(data);
         return true;
@@ -321,6 +335,10 @@ bool read_bounded(int fd, size_t max, std::string *out) noexcept
         return false;
     }
 }
+
+} // namespace
+
+bool read_bounded(int fd, size_t max, std::string *out) noexcept { return read_into(fd, max, {}, true, out); }
 
 bool read_input(const char *path, size_t max, std::string *out) noexcept
 {
@@ -331,33 +349,7 @@ bool read_input(const char *path, size_t max, std::string *out) noexcept
 bool read_input_prefix(const char *path, size_t max, std::string *out, std::string_view stop) noexcept
 {
     UniqueFD fd = open_input(path);
-    if (!fd)
-        return false;
-    try {
-        std::string data;
-        char buf[4096];
-        while (data.size() < max) {
-            ssize_t n = ::read(fd.get(), buf, std::min(sizeof(buf), max - data.size()));
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n < 0)
-                return false;
-            if (n == 0)
-                break;
-            std::string_view got(buf, static_cast<size_t>(n));
-            size_t end = stop.empty() ? std::string_view::npos : got.find_first_of(stop);
-            if (end != std::string_view::npos) {
-                data.append(got.substr(0, end + 1));
-                break;
-            }
-            data.append(got);
-        }
-        *out = std::move(data);
-        return true;
-    } catch (const std::bad_alloc &) {
-        errno = ENOMEM;
-        return false;
-    }
+    return fd && read_into(fd.get(), max, stop, false, out);
 }
 
 std::string path_arg(std::string_view path) { return shell_quote(host_path(path)); }

@@ -780,23 +780,11 @@ char *get_custom_info(const char *path, size_t *body_len) noexcept
 {
     if (!path)
         return nullptr;
-    tq::UniqueFD fd = tq::os::open_input(path);
-    if (!fd)
-        return nullptr;
     // Only the first 4095 bytes can hold a body that fits the buffer.
-    char text[tq::kCustomInfoSize];
-    size_t n = 0;
-    while (n < sizeof(text) - 1) {
-        ssize_t got = ::read(fd.get(), text + n, sizeof(text) - 1 - n);
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got < 0)
-            return nullptr;
-        if (got == 0)
-            break;
-        n += static_cast<size_t>(got);
-    }
-    return tq::body_from_content(std::string_view(text, n), body_len);
+    std::string text;
+    if (!tq::os::read_input_prefix(path, tq::kCustomInfoSize - 1, &text))
+        return nullptr;
+    return tq::body_from_content(text, body_len);
 }
 
 char *write_temp_pubkey(void) noexcept { return tq::make_temp_pubkey().release(); }
