@@ -30,6 +30,8 @@ cd "$(dirname "$0")/.."
 
 work=$(mktemp -d /tmp/tq-debs-XXXXXX)
 trap 'rm -rf "$work"' EXIT
+# The suite runs the tool as an unprivileged user too, which must reach it.
+chmod 0755 "$work"
 src="$work/libtavro-quenda"
 mkdir "$src"
 # The tracked and the new files of the tree, as they are now; no build output.
@@ -54,7 +56,12 @@ fi
 
 echo "build-debs: dpkg-buildpackage in $src (DEB_BUILD_OPTIONS='$options'${profiles:+, profiles $profiles})"
 (cd "$src" && DEB_BUILD_OPTIONS="$options" dpkg-buildpackage -us -uc -b ${profiles:+-P"$profiles"}) \
-    >"$work/build.log" 2>&1 || { tail -n 60 "$work/build.log"; echo "build-debs: package build failed" >&2; exit 1; }
+    >"$work/build.log" 2>&1 || {
+    tail -n 60 "$work/build.log"
+    cp "$work/build.log" "$out/build.log"
+    echo "build-debs: package build failed; the whole log is $out/build.log" >&2
+    exit 1
+}
 
 changes=$(ls "$work"/*.changes)
 for f in "$work"/*.deb "$work"/*.buildinfo "$changes"; do
