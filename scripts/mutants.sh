@@ -185,8 +185,11 @@ if list_only:
 def run(cmd, **kw):
     return subprocess.run(cmd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, **kw)
 
-def build_tree():
-    return run(["cmake", "--build", build, "-j", jobs]).returncode == 0
+def build_tree(verbose=False):
+    done = run(["cmake", "--build", build, "-j", jobs])
+    if verbose and done.returncode != 0:
+        print(done.stdout[-3000:])
+    return done.returncode == 0
 
 def tmp_leftovers():
     return set(glob.glob("/tmp/gpgdir-*") + glob.glob("/tmp/pubkey_*"))
@@ -217,8 +220,10 @@ def clean_tmp(before):
 
 t0 = time.time()
 print(f"configuring and building {tree} in {build}", flush=True)
-if run(["cmake", "-S", tree, "-B", build, "-DCMAKE_BUILD_TYPE=Release", "-DTAVRO_QUENDA_BENCH=OFF"]).returncode != 0 \
-        or not build_tree():
+configured = run(["cmake", "-S", tree, "-B", build, "-DCMAKE_BUILD_TYPE=Release", "-DTAVRO_QUENDA_BENCH=OFF"])
+if configured.returncode != 0:
+    print(configured.stdout[-3000:])
+if configured.returncode != 0 or not build_tree(verbose=True):
     sys.exit("mutants.sh: the unmutated tree does not build")
 before_tmp = tmp_leftovers()
 base = suite()
