@@ -211,10 +211,16 @@ def suite():
         return [] if proc.returncode == 0 else ["(ctest failed)"]
     return [l.split(":", 1)[1].strip() for l in open(log) if ":" in l]
 
-def clean_tmp(before):
-    # A mutant may leak temporary GnuPG homes and their agents; later mutants'
-    # leak checks must not see them.
+def clean_tmp(before, min_age=60):
+    # A mutant may leak temporary GnuPG homes and their agents. Remove those
+    # idle for a minute: younger ones may belong to a test still running
+    # elsewhere on this machine.
     for path in tmp_leftovers() - before:
+        try:
+            if time.time() - os.lstat(path).st_mtime < min_age:
+                continue
+        except OSError:
+            continue
         subprocess.run(["gpgconf", "--homedir", path, "--kill", "all"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         subprocess.run(["rm", "-rf", path])
 
