@@ -17,10 +17,17 @@
 
 namespace {
 
+// What the tool itself said: without the library's word about a trace log it
+// may not open, as when the tests run as an unprivileged user.
+std::string tool_err(const std::string &err)
+{
+    return std::regex_replace(err, std::regex("Open log file failed: [^\n]*\n"), "");
+}
+
 struct Outcome {
     int status = -1;
     std::string out, err;
-    bool operator==(const Outcome &) const = default;
+    bool operator==(const Outcome &o) const { return status == o.status && out == o.out && tool_err(err) == tool_err(o.err); }
 };
 
 void PrintTo(const Outcome &r, std::ostream *os) { *os << "status " << r.status << "\nout: " << r.out << "\nerr: " << r.err; }
@@ -75,11 +82,13 @@ TEST(Cli, EveryOutcomeHasItsExitStatusAndSaysWhy)
 {
     tqtest::Fixture d; // only a scratch directory here: the tool runs on the real system
     for (auto [name, text] : {std::pair{"/plain.txt", "just text\n"}, {"/empty", ""}, {"/app.conf", "[G]\nK=v\n"},
-                              {"/short.b64", "YWJ\n"}, {"/lower.url", "YQ%3d%3d\n"}})
+                              {"/main.conf", "# kept\n[Main]\nMode=slow\n"}, {"/short.b64", "YWJ\n"},
+                              {"/lower.url", "YQ%3d%3d\n"}})
         d.write(name, text);
     d.write("/long.txt", std::string(1024, 'a'));
     d.write("/tampered.asc",
             std::regex_replace(tqtest::read_file(kGnupgData + "/hello-dev.asc"), std::regex("\nhello\n"), "\nhullo\n"));
+    // Rows run in order; some go on with coreutils to show what the tool left behind.
     struct Row {
         const char *args;
         int status;
@@ -89,6 +98,7 @@ TEST(Cli, EveryOutcomeHasItsExitStatusAndSaysWhy)
         {"", 2, "no command given"},
         {"--frob", 2, "unrecognized option '--frob'"},
         {"frob", 2, "unknown command 'frob'"},
+        {"-V", 0, ""},
         {"identity --xml", 2, "identity: unrecognized option '--xml'"},
         {"identity -o mac,frob", 2, "identity: unknown field 'frob'"},
         {"identity -J -n", 2, "identity: --json and --noheadings cannot be used together"},
@@ -118,9 +128,13 @@ TEST(Cli, EveryOutcomeHasItsExitStatusAndSaysWhy)
         {"keyfile get %D/long.txt G K", 4, "keyfile: %D/long.txt: not a key file"},
         {"keyfile get %D/app.conf G X", 1, "keyfile: %D/app.conf: no key 'X' in group [G]"},
         {"keyfile set /x/y/z G K v", 3, "keyfile: /x/y/z: not written"},
+        {"keyfile set %D/main.conf Main Mode fast && cat %D/main.conf", 0, "", "# kept\n\n[Main]\nMode=fast\n"},
+        // Setting the same value again leaves the file alone: its back-dated time stays.
+        {"keyfile get - Main Mode <%D/main.conf && touch -d @0 %D/main.conf", 0, "", "fast\n"},
+        {"keyfile set %D/main.conf Main Mode fast && stat -c %Y %D/main.conf", 0, "", "0\n"},
+        {"keyfile set %D/new.conf A B c && cat %D/new.conf", 0, "", "[A]\nB=c\n"},
         {"base64 -d <%D/short.b64", 4, "base64: standard input: not Base64 (result 59: its length is not a multiple of 4)"},
         {"base64 -d --url %D/lower.url", 4, "base64: %D/lower.url: not the URL form of Base64 (result 66"},
-        {"-V", 0, ""},
         // Only checked where no public key is installed.
         {"rsa-check %D/plain.txt AAAA", 3, "rsa-check: /etc/tavro-quenda/public.pem: No such file or directory"},
     };
@@ -130,7 +144,8 @@ TEST(Cli, EveryOutcomeHasItsExitStatusAndSaysWhy)
         SCOPED_TRACE(row.args);
         Outcome r = run_cli(expand(row.args, d.root()));
         EXPECT_EQ(r.status, row.status) << r.err;
-        EXPECT_TRUE(*row.err ? tqtest::contains(r.err, "tavro-quenda: " + expand(row.err, d.root())) : r.err.empty()) << r.err;
+        EXPECT_TRUE(*row.err ? tqtest::contains(r.err, "tavro-quenda: " + expand(row.err, d.root())) : tool_err(r.err).empty())
+            << r.err;
         EXPECT_TRUE(!row.out || r.out == expand(row.out, d.root())) << r.out;
     }
     EXPECT_EQ(access(d.host("/rec").c_str(), F_OK), -1) << "a refused record text must not create the file";
@@ -139,7 +154,6 @@ TEST(Cli, EveryOutcomeHasItsExitStatusAndSaysWhy)
 TEST(Cli, HelpOfEveryCommandExitsZeroAndAgreesWithTheManualPage)
 {
     const std::string page = manual_page();
-    const std::regex option_re(R"(--[a-z0-9][a-z0-9-]*)");
     for (std::string command : {"", "identity", "verify", "encrypt", "digest", "rsa-check", "record", "keyfile", "base64"}) {
         for (const char *flag : {" --help", " -h"}) {
             SCOPED_TRACE(command + flag);
@@ -148,8 +162,8 @@ TEST(Cli, HelpOfEveryCommandExitsZeroAndAgreesWithTheManualPage)
             EXPECT_EQ(r.out.rfind("Usage: tavro-quenda " + command, 0), 0u) << r.out;
             EXPECT_EQ(r.err, "");
             // Every long option the help names, the manual page names too.
-            for (auto it = std::sregex_iterator(r.out.begin(), r.out.end(), option_re); it != std::sregex_iterator(); ++it)
-                EXPECT_TRUE(tqtest::contains(page, it->str())) << it->str() << " is not in the manual page";
+            for (std::smatch m; std::regex_search(r.out, m, std::regex("--[a-z0-9][a-z0-9-]*")); r.out = m.suffix())
+                EXPECT_TRUE(tqtest::contains(page, m.str())) << m.str() << " is not in the manual page";
         }
     }
     for (const char *word : {"Usage error", "/etc/tavro-quenda/public.pem", "/var/log/tavro-quenda/libtavro-quenda.log"})
@@ -163,29 +177,24 @@ TEST(Cli, IdentityTextJsonAndSingleFieldsAgree)
     Outcome text = run_cli("identity"), json = run_cli("identity --json");
     ASSERT_EQ(text.status, 0) << text.err;
     EXPECT_FALSE(tqtest::contains(json.out, "\t")) << "pretty JSON is indented with spaces";
-    EXPECT_EQ(run_shell(kCli + " identity --json=short | jq -e .").status, 0);
-    EXPECT_EQ(tqtest::lines_of(run_cli("identity -Jshort").out).size(), 1u);
-    // jq writes the JSON the way the text shows it: the same fields in the same order, the same values.
-    Outcome as_text = run_shell("printf %s " + tq::os::shell_quote(json.out) + R"jq( | jq -r 'to_entries[] | "\(.key): \(.value
-        | if . == null then "not available" elif . == true then "yes" elif . == false then "no" else . end)"')jq");
-    EXPECT_EQ(std::regex_replace(text.out, std::regex("(^|\n)([a-z0-9_]+): +"), "$1$2: "), as_text.out) << as_text.err;
+    // jq reads the JSON: short JSON is its compact form, and the text and the bare values say the same.
+    const std::string jq = "printf %s " + tq::os::shell_quote(json.out) + " | jq ";
+    EXPECT_EQ(run_cli("identity --json=short"), run_shell(jq + "-c ."));
+    EXPECT_EQ(std::regex_replace(text.out, std::regex("(^|\n)([a-z0-9_]+): +"), "$1$2: "),
+              run_shell(jq + R"jq(-r 'to_entries[] | "\(.key): \(.value | if . == null then "not available"
+                  elif . == true then "yes" elif . == false then "no" else . end)"')jq").out);
+    EXPECT_EQ(run_cli("identity -n -o lenovo,kirin_9x0"), run_shell(jq + R"(-r '.lenovo, .kirin_9x0 | if . then "yes" else "no" end')"));
 
     const std::string page = manual_page(), help = run_cli("identity --help").out;
     for (const std::string &line : tqtest::lines_of(text.out)) {
         std::smatch m;
         ASSERT_TRUE(std::regex_match(line, m, std::regex(R"(([a-z0-9_]+):\s+(.+))"))) << line;
         const std::string field = m[1], value = m[2] == "not available" ? "" : m[2].str();
-        SCOPED_TRACE(field);
-        EXPECT_TRUE(tqtest::contains(page, field) && tqtest::contains(help, field)) << "help and manual page name it";
-        // Asked for alone: the bare value, and exit 1 when there is none.
-        Outcome one = run_cli("identity -n -o " + field);
-        EXPECT_EQ(one.out, value + "\n");
-        EXPECT_EQ(one.status, value.empty() ? 1 : 0);
-        EXPECT_EQ(tqtest::contains(one.err, "tavro-quenda: identity: " + field + ": not available"), value.empty());
+        EXPECT_TRUE(tqtest::contains(page, field) && tqtest::contains(help, field)) << field << " is not documented";
+        // Asked for alone: the bare value, or an empty line, a word why and exit 1 when there is none.
+        Outcome none{1, "\n", "tavro-quenda: identity: " + field + ": not available\n"};
+        EXPECT_EQ(run_cli("identity -n -o " + field), value.empty() ? none : ok(value + "\n"));
     }
-    Outcome two = run_cli("identity -n -o lenovo,kirin_9x0");
-    EXPECT_EQ(two.status, 0);
-    EXPECT_EQ(tqtest::lines_of(two.out).size(), 2u);
 }
 
 TEST(Cli, DigestAndBase64AgreeWithCoreutilsAndOpenssl)
@@ -201,15 +210,14 @@ TEST(Cli, DigestAndBase64AgreeWithCoreutilsAndOpenssl)
             std::string hex = theirs.out.substr(0, theirs.out.find(' '));
             EXPECT_EQ(run_cli(std::string("digest ") + option + " - " + hex + " <" + f), ok("result: 1\n-: OK\n"));
         }
-        EXPECT_EQ(run_cli("digest " + f).out.substr(0, 64), run_shell("openssl dgst -sha256 -r " + f).out.substr(0, 64));
+        EXPECT_EQ(run_cli("digest " + f), run_shell("openssl dgst -sha256 -r " + f + " | sed 's/ \\*/  /'"));
         if (size == 0)
             continue;
-        EXPECT_EQ(run_cli("base64 " + f).out, run_shell("base64 -w0 " + f).out + "\n");
-        EXPECT_EQ(run_cli("base64 --url <" + f).out,
-                  run_shell("base64 -w0 " + f + " | sed 's,+,%2B,g; s,/,%2F,g; s,=,%3D,g'").out + "\n");
+        EXPECT_EQ(run_cli("base64 " + f), run_shell("base64 -w0 " + f + "; echo"));
+        EXPECT_EQ(run_cli("base64 --url <" + f), run_shell("base64 -w0 " + f + " | sed 's,+,%2B,g; s,/,%2F,g; s,=,%3D,g'; echo"));
         // Wrapped coreutils output decodes back to the bytes.
-        EXPECT_EQ(run_shell("base64 " + f + " | " + kCli + " base64 -d").out, pattern(size));
-        EXPECT_EQ(run_shell(kCli + " base64 --url " + f + " | " + kCli + " base64 -d --url").out, pattern(size));
+        EXPECT_EQ(run_shell("base64 " + f + " | " + kCli + " base64 -d"), ok(pattern(size)));
+        EXPECT_EQ(run_shell(kCli + " base64 --url " + f + " | " + kCli + " base64 -d --url"), ok(pattern(size)));
     }
 }
 
@@ -220,7 +228,8 @@ TEST(Cli, EncryptedTextDecryptsWithRealGpg)
     ASSERT_EQ(run_shell(gpg + " --import " TQ_KEYS_DIR "/dev-secret.gpg").status, 0);
     Outcome decrypted = run_shell("printf 'a secret\\n' | " + kCli + " encrypt | " + gpg + " --decrypt");
     run_shell("gpgconf --homedir " + home.root() + " --kill gpg-agent");
-    EXPECT_EQ(decrypted, ok("a secret\n"));
+    EXPECT_EQ(decrypted.status, 0) << decrypted.err;
+    EXPECT_EQ(decrypted.out, "a secret\n");
 }
 
 TEST(Cli, RecordsRoundTripAndOpensslReadsThem)
@@ -233,24 +242,10 @@ TEST(Cli, RecordsRoundTripAndOpensslReadsThem)
         ASSERT_EQ(run_cli("record write " + rec + " <" + d.host("/in")), ok());
         EXPECT_EQ(run_shell("stat -c '%s %a' " + rec).out, std::to_string(16 * (n / 16 + 1)) + " 600\n");
         EXPECT_EQ(run_shell("openssl enc -d -aes-128-cbc -nopad -K 7175696c6c6f6e5f706176656d656e74"
-                            " -iv 5a1c0e77d29b4f3806e1a9c47b2d8f13 -in " + rec + " | tr -d '\\0'").out,
-                  pattern(n, 'a', 26));
+                            " -iv 5a1c0e77d29b4f3806e1a9c47b2d8f13 -in " + rec + " | tr -d '\\0'"),
+                  ok(pattern(n, 'a', 26)));
         EXPECT_EQ(run_cli("record read - <" + rec), ok(pattern(n, 'a', 26)));
     }
-}
-
-TEST(Cli, KeyfileSetRewritesOnlyWhenTheContentChanges)
-{
-    tqtest::Fixture d;
-    d.write("/app.conf", "# kept\n[Main]\nMode=slow\n");
-    const std::string conf = d.host("/app.conf"), set = " keyfile set " + conf + " Main Mode fast";
-    EXPECT_EQ(run_shell(kCli + set), ok());
-    EXPECT_EQ(d.read("/app.conf"), "# kept\n\n[Main]\nMode=fast\n");
-    // Setting it again leaves the file alone: its back-dated time stays.
-    EXPECT_EQ(run_shell("touch -d @0 " + conf + " && " + kCli + set + " && stat -c %Y " + conf), ok("0\n"));
-    EXPECT_EQ(run_cli("keyfile get - Main Mode <" + conf), ok("fast\n"));
-    EXPECT_EQ(run_cli("keyfile set " + d.host("/new.conf") + " A B c"), ok());
-    EXPECT_EQ(d.read("/new.conf"), "[A]\nB=c\n");
 }
 
 TEST(Cli, BashCompletionOffersCommandsOptionsAndFields)
