@@ -17,17 +17,10 @@
 
 namespace {
 
-// What the tool itself said: without the library's word about a trace log it
-// may not open, as when the tests run as an unprivileged user.
-std::string tool_err(const std::string &err)
-{
-    return std::regex_replace(err, std::regex("Open log file failed: [^\n]*\n"), "");
-}
-
 struct Outcome {
     int status = -1;
     std::string out, err;
-    bool operator==(const Outcome &o) const { return status == o.status && out == o.out && tool_err(err) == tool_err(o.err); }
+    bool operator==(const Outcome &) const = default;
 };
 
 void PrintTo(const Outcome &r, std::ostream *os) { *os << "status " << r.status << "\nout: " << r.out << "\nerr: " << r.err; }
@@ -35,14 +28,16 @@ void PrintTo(const Outcome &r, std::ostream *os) { *os << "status " << r.status 
 // A run that succeeded, printed out and said nothing on standard error.
 Outcome ok(const std::string &out = "") { return {0, out, ""}; }
 
-// Runs a /bin/sh command line, capturing standard output and error.
+// Runs a /bin/sh command line, capturing standard output and error. The library's word
+// about a trace log it may not open (when the tests run unprivileged) is left out.
 Outcome run_shell(const std::string &command)
 {
     char out[] = "/tmp/tq-cli-out-XXXXXX", err[] = "/tmp/tq-cli-err-XXXXXX";
     close(mkstemp(out));
     close(mkstemp(err));
     int status = std::system(("{ " + command + "; } >" + out + " 2>" + err).c_str());
-    Outcome r{WIFEXITED(status) ? WEXITSTATUS(status) : -1, tqtest::read_file(out), tqtest::read_file(err)};
+    Outcome r{WIFEXITED(status) ? WEXITSTATUS(status) : -1, tqtest::read_file(out),
+              std::regex_replace(tqtest::read_file(err), std::regex("Open log file failed: Permission denied\n"), "")};
     unlink(out);
     unlink(err);
     return r;
@@ -63,31 +58,17 @@ std::string pattern(size_t n, int first = 0, int range = 256)
     return s;
 }
 
-// The manual page's text without roff's font changes and hyphen escapes.
-std::string manual_page()
-{
-    return std::regex_replace(tqtest::read_file(TQ_MAN_PAGE), std::regex(R"(\\f[BIR]|\\(?=-))"), "");
-}
-
-// Table rows name a scratch directory %D and the signed samples' directory %G.
-std::string expand(std::string text, const std::string &dir)
-{
-    for (auto [mark, with] : {std::pair{"%G", kGnupgData}, {"%D", dir}})
-        for (size_t at; (at = text.find(mark)) != std::string::npos;)
-            text.replace(at, 2, with);
-    return text;
-}
-
 TEST(Cli, EveryOutcomeHasItsExitStatusAndSaysWhy)
 {
-    tqtest::Fixture d; // only a scratch directory here: the tool runs on the real system
+    tqtest::Fixture d; // a scratch directory, the rows' working directory; the tool runs on the real system
+    for (const char *name : {"/hello-dev.asc", "/hello-other.asc", "/big-dev.asc"})
+        d.copy(name, kGnupgData + name);
     for (auto [name, text] : {std::pair{"/plain.txt", "just text\n"}, {"/empty", ""}, {"/app.conf", "[G]\nK=v\n"},
                               {"/main.conf", "# kept\n[Main]\nMode=slow\n"}, {"/short.b64", "YWJ\n"},
                               {"/lower.url", "YQ%3d%3d\n"}})
         d.write(name, text);
     d.write("/long.txt", std::string(1024, 'a'));
-    d.write("/tampered.asc",
-            std::regex_replace(tqtest::read_file(kGnupgData + "/hello-dev.asc"), std::regex("\nhello\n"), "\nhullo\n"));
+    d.write("/tampered.asc", std::regex_replace(d.read("/hello-dev.asc"), std::regex("\nhello\n"), "\nhullo\n"));
     // Rows run in order; some go on with coreutils to show what the tool left behind.
     struct Row {
         const char *args;
@@ -104,56 +85,57 @@ TEST(Cli, EveryOutcomeHasItsExitStatusAndSaysWhy)
         {"identity -J -n", 2, "identity: --json and --noheadings cannot be used together"},
         {"identity --json=wide", 2, "identity: --json takes pretty or short, not 'wide'"},
         {"identity >/dev/full", 3, "write error: No space left on device"},
-        {"verify %G/hello-dev.asc", 0, "", "result: 0\nhello\n"},
-        {"verify --gpgme -Jshort - <%G/hello-dev.asc", 0, "", R"({"file":"-","result":0,"good":true,"text":"hello\n"})" "\n"},
-        {"verify --cached -J %G/hello-other.asc", 1, "verify: %G/hello-other.asc: not signed by the trusted key",
-         "{\n  \"file\": \"%G/hello-other.asc\",\n  \"result\": 1,\n  \"good\": false,\n  \"text\": null\n}\n"},
+        {"verify hello-dev.asc", 0, "", "result: 0\nhello\n"},
+        {"verify --gpgme -Jshort - <hello-dev.asc", 0, "", R"({"file":"-","result":0,"good":true,"text":"hello\n"})" "\n"},
+        {"verify --cached -J hello-other.asc", 1, "verify: hello-other.asc: not signed by the trusted key",
+         "{\n  \"file\": \"hello-other.asc\",\n  \"result\": 1,\n  \"good\": false,\n  \"text\": null\n}\n"},
         {"verify --gpgme --cached x", 2, "verify: --gpgme and --cached cannot be used together"},
         {"verify /x", 3, "verify: /x: No such file or directory"},
-        {"verify %D", 3, "verify: %D: Is a directory"},
-        {"verify %D/plain.txt", 1, "verify: %D/plain.txt: not signed"},
-        {"verify %D/tampered.asc", 1, "verify: %D/tampered.asc: bad signature"},
-        {"verify - <%G/hello-other.asc", 1, "verify: standard input: not signed by the trusted key"},
-        {"verify %G/big-dev.asc", 0, "verify: %G/big-dev.asc: signed text is longer than 4096 bytes and is not shown"},
-        {"encrypt <%D", 3, "encrypt: standard input: Is a directory"},
+        {"verify .", 3, "verify: .: Is a directory"},
+        {"verify plain.txt", 1, "verify: plain.txt: not signed"},
+        {"verify tampered.asc", 1, "verify: tampered.asc: bad signature"},
+        {"verify - <hello-other.asc", 1, "verify: standard input: not signed by the trusted key"},
+        {"verify big-dev.asc", 0, "verify: big-dev.asc: signed text is longer than 4096 bytes and is not shown"},
+        {"encrypt <.", 3, "encrypt: standard input: Is a directory"},
         {"encrypt <&-", 3, "encrypt: standard input: Bad file descriptor"},
         {"digest --md5 --sha1 x", 2, "digest: --md5 and --sha1 cannot be used together"},
         {"digest /x", 3, "digest: /x: No such file or directory"},
-        {"digest %D/empty 0000000000000000000000000000000000000000000000000000000000000000", 1,
-         "digest: %D/empty: digest does not match"},
-        {"rsa-check %D/plain.txt 'AB C'", 4, "rsa-check: the signature is not Base64"},
-        {"record write %D/rec <%D/long.txt", 4,
-         "record: %D/rec: the text is 1024 characters; a record holds at most 1023; nothing written"},
-        {"record read %D/empty", 4, "record: %D/empty: empty, not a record"},
-        {"keyfile get %D/long.txt G K", 4, "keyfile: %D/long.txt: not a key file"},
-        {"keyfile get %D/app.conf G X", 1, "keyfile: %D/app.conf: no key 'X' in group [G]"},
+        {"digest empty 0000000000000000000000000000000000000000000000000000000000000000", 1,
+         "digest: empty: digest does not match"},
+        {"rsa-check plain.txt 'AB C'", 4, "rsa-check: the signature is not Base64"},
+        {"record write rec <long.txt", 4,
+         "record: rec: the text is 1024 characters; a record holds at most 1023; nothing written"},
+        {"record read empty", 4, "record: empty: empty, not a record"},
+        {"keyfile get long.txt G K", 4, "keyfile: long.txt: not a key file"},
+        {"keyfile get app.conf G X", 1, "keyfile: app.conf: no key 'X' in group [G]"},
         {"keyfile set /x/y/z G K v", 3, "keyfile: /x/y/z: not written"},
-        {"keyfile set %D/main.conf Main Mode fast && cat %D/main.conf", 0, "", "# kept\n\n[Main]\nMode=fast\n"},
+        {"keyfile set main.conf Main Mode fast && cat main.conf", 0, "", "# kept\n\n[Main]\nMode=fast\n"},
         // Setting the same value again leaves the file alone: its back-dated time stays.
-        {"keyfile get - Main Mode <%D/main.conf && touch -d @0 %D/main.conf", 0, "", "fast\n"},
-        {"keyfile set %D/main.conf Main Mode fast && stat -c %Y %D/main.conf", 0, "", "0\n"},
-        {"keyfile set %D/new.conf A B c && cat %D/new.conf", 0, "", "[A]\nB=c\n"},
-        {"base64 -d <%D/short.b64", 4, "base64: standard input: not Base64 (result 59: its length is not a multiple of 4)"},
-        {"base64 -d --url %D/lower.url", 4, "base64: %D/lower.url: not the URL form of Base64 (result 66"},
+        {"keyfile get - Main Mode <main.conf && touch -d @0 main.conf", 0, "", "fast\n"},
+        {"keyfile set main.conf Main Mode fast && stat -c %Y main.conf", 0, "", "0\n"},
+        {"keyfile set new.conf A B c && cat new.conf", 0, "", "[A]\nB=c\n"},
+        {"base64 -d <short.b64", 4, "base64: standard input: not Base64 (result 59: its length is not a multiple of 4)"},
+        {"base64 -d --url lower.url", 4, "base64: lower.url: not the URL form of Base64 (result 66"},
         // Only checked where no public key is installed.
-        {"rsa-check %D/plain.txt AAAA", 3, "rsa-check: /etc/tavro-quenda/public.pem: No such file or directory"},
+        {"rsa-check plain.txt AAAA", 3, "rsa-check: /etc/tavro-quenda/public.pem: No such file or directory"},
     };
     for (const Row &row : rows) {
         if (tqtest::contains(row.err, "public.pem") && access("/etc/tavro-quenda/public.pem", F_OK) == 0)
             continue;
         SCOPED_TRACE(row.args);
-        Outcome r = run_cli(expand(row.args, d.root()));
+        Outcome r = run_shell("cd " + d.root() + " && " + kCli + " " + row.args);
         EXPECT_EQ(r.status, row.status) << r.err;
-        EXPECT_TRUE(*row.err ? tqtest::contains(r.err, "tavro-quenda: " + expand(row.err, d.root())) : tool_err(r.err).empty())
+        EXPECT_TRUE(*row.err ? tqtest::contains(r.err, "tavro-quenda: " + std::string(row.err)) : r.err.empty())
             << r.err;
-        EXPECT_TRUE(!row.out || r.out == expand(row.out, d.root())) << r.out;
+        EXPECT_TRUE(!row.out || r.out == row.out) << r.out;
     }
     EXPECT_EQ(access(d.host("/rec").c_str(), F_OK), -1) << "a refused record text must not create the file";
 }
 
 TEST(Cli, HelpOfEveryCommandExitsZeroAndAgreesWithTheManualPage)
 {
-    const std::string page = manual_page();
+    // The manual page's text without roff's font changes and hyphen escapes.
+    const std::string page = std::regex_replace(tqtest::read_file(TQ_MAN_PAGE), std::regex(R"(\\f[BIR]|\\(?=-))"), "");
     for (std::string command : {"", "identity", "verify", "encrypt", "digest", "rsa-check", "record", "keyfile", "base64"}) {
         for (const char *flag : {" --help", " -h"}) {
             SCOPED_TRACE(command + flag);
@@ -168,6 +150,11 @@ TEST(Cli, HelpOfEveryCommandExitsZeroAndAgreesWithTheManualPage)
     }
     for (const char *word : {"Usage error", "/etc/tavro-quenda/public.pem", "/var/log/tavro-quenda/libtavro-quenda.log"})
         EXPECT_TRUE(tqtest::contains(page, word)) << word;
+    const std::string identity_help = run_cli("identity --help").out;
+    for (const std::string &line : tqtest::lines_of(run_cli("identity").out)) {
+        const std::string field = line.substr(0, line.find(':'));
+        EXPECT_TRUE(tqtest::contains(page, field) && tqtest::contains(identity_help, field)) << field << " is not documented";
+    }
     EXPECT_TRUE(std::regex_search(run_cli("--help").out, std::regex("  0  [^]*  1  [^]*  2  [^]*  3  [^]*  4  ")));
     EXPECT_EQ(run_cli("-V").out.rfind("tavro-quenda ", 0), 0u);
 }
@@ -183,14 +170,13 @@ TEST(Cli, IdentityTextJsonAndSingleFieldsAgree)
     EXPECT_EQ(std::regex_replace(text.out, std::regex("(^|\n)([a-z0-9_]+): +"), "$1$2: "),
               run_shell(jq + R"jq(-r 'to_entries[] | "\(.key): \(.value | if . == null then "not available"
                   elif . == true then "yes" elif . == false then "no" else . end)"')jq").out);
-    EXPECT_EQ(run_cli("identity -n -o lenovo,kirin_9x0"), run_shell(jq + R"(-r '.lenovo, .kirin_9x0 | if . then "yes" else "no" end')"));
+    EXPECT_EQ(run_cli("identity -n -o lenovo,kirin_9x0"),
+              run_shell(jq + R"(-r '.lenovo, .kirin_9x0 | if . then "yes" else "no" end')"));
 
-    const std::string page = manual_page(), help = run_cli("identity --help").out;
     for (const std::string &line : tqtest::lines_of(text.out)) {
         std::smatch m;
         ASSERT_TRUE(std::regex_match(line, m, std::regex(R"(([a-z0-9_]+):\s+(.+))"))) << line;
         const std::string field = m[1], value = m[2] == "not available" ? "" : m[2].str();
-        EXPECT_TRUE(tqtest::contains(page, field) && tqtest::contains(help, field)) << field << " is not documented";
         // Asked for alone: the bare value, or an empty line, a word why and exit 1 when there is none.
         Outcome none{1, "\n", "tavro-quenda: identity: " + field + ": not available\n"};
         EXPECT_EQ(run_cli("identity -n -o " + field), value.empty() ? none : ok(value + "\n"));
@@ -204,17 +190,19 @@ TEST(Cli, DigestAndBase64AgreeWithCoreutilsAndOpenssl)
     for (size_t size : {0u, 1u, 3u, 57u, 1025u, 100000u}) {
         SCOPED_TRACE(size);
         d.write("/data", pattern(size));
-        for (auto [option, tool] : {std::pair{"--sha256", "sha256sum"}, {"--sha1", "sha1sum"}, {"--md5", "md5sum"}}) {
-            Outcome theirs = run_shell(std::string(tool) + " " + f);
-            EXPECT_EQ(run_cli(std::string("digest ") + option + " " + f), ok(theirs.out)) << option;
-            std::string hex = theirs.out.substr(0, theirs.out.find(' '));
-            EXPECT_EQ(run_cli(std::string("digest ") + option + " - " + hex + " <" + f), ok("result: 1\n-: OK\n"));
+        for (std::string digest : {"sha256", "sha1", "md5"}) {
+            SCOPED_TRACE(digest);
+            EXPECT_EQ(run_cli("digest --" + digest + " " + f), run_shell(digest + "sum " + f));
+            // The value coreutils gives is the one it accepts.
+            EXPECT_EQ(run_cli("digest --" + digest + " - $(" + digest + "sum " + f + " | cut -d' ' -f1) <" + f),
+                      ok("result: 1\n-: OK\n"));
         }
         EXPECT_EQ(run_cli("digest " + f), run_shell("openssl dgst -sha256 -r " + f + " | sed 's/ \\*/  /'"));
         if (size == 0)
             continue;
         EXPECT_EQ(run_cli("base64 " + f), run_shell("base64 -w0 " + f + "; echo"));
-        EXPECT_EQ(run_cli("base64 --url <" + f), run_shell("base64 -w0 " + f + " | sed 's,+,%2B,g; s,/,%2F,g; s,=,%3D,g'; echo"));
+        EXPECT_EQ(run_cli("base64 --url <" + f),
+                  run_shell("base64 -w0 " + f + " | sed 's,+,%2B,g; s,/,%2F,g; s,=,%3D,g'; echo"));
         // Wrapped coreutils output decodes back to the bytes.
         EXPECT_EQ(run_shell("base64 " + f + " | " + kCli + " base64 -d"), ok(pattern(size)));
         EXPECT_EQ(run_shell(kCli + " base64 --url " + f + " | " + kCli + " base64 -d --url"), ok(pattern(size)));
@@ -240,10 +228,10 @@ TEST(Cli, RecordsRoundTripAndOpensslReadsThem)
         SCOPED_TRACE(n);
         d.write("/in", pattern(n, 'a', 26));
         ASSERT_EQ(run_cli("record write " + rec + " <" + d.host("/in")), ok());
-        EXPECT_EQ(run_shell("stat -c '%s %a' " + rec).out, std::to_string(16 * (n / 16 + 1)) + " 600\n");
-        EXPECT_EQ(run_shell("openssl enc -d -aes-128-cbc -nopad -K 7175696c6c6f6e5f706176656d656e74"
-                            " -iv 5a1c0e77d29b4f3806e1a9c47b2d8f13 -in " + rec + " | tr -d '\\0'"),
-                  ok(pattern(n, 'a', 26)));
+        // Whole blocks, the text and at least one zero byte, readable by its owner only.
+        EXPECT_EQ(run_shell("stat -c '%s %a' " + rec + " && openssl enc -d -aes-128-cbc -nopad -in " + rec +
+                            " -K 7175696c6c6f6e5f706176656d656e74 -iv 5a1c0e77d29b4f3806e1a9c47b2d8f13 | tr -d '\\0'"),
+                  ok(std::to_string(16 * (n / 16 + 1)) + " 600\n" + pattern(n, 'a', 26)));
         EXPECT_EQ(run_cli("record read - <" + rec), ok(pattern(n, 'a', 26)));
     }
 }
@@ -272,9 +260,8 @@ TEST(Cli, UnprivilegedRunStillReports)
     Outcome nobody = run_shell("/usr/bin/setpriv --reuid=65534 --regid=65534 --clear-groups " + kCli + " identity");
     EXPECT_EQ(nobody.status, 0) << nobody.err;
     EXPECT_EQ(tqtest::lines_of(nobody.out).size(), tqtest::lines_of(as_root.out).size());
-    // The only word about the log is the library's own, and only because it may not write there.
-    for (const std::string &line : tqtest::lines_of(nobody.err))
-        EXPECT_TRUE(!tqtest::contains(line, "log") || line == "Open log file failed: Permission denied") << line;
+    // No word about the log but the library's own that it may not write there (left out by run_shell).
+    EXPECT_FALSE(tqtest::contains(nobody.err, "log")) << nobody.err;
 }
 
 } // namespace
