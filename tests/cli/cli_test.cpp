@@ -45,7 +45,6 @@ Outcome run_shell(const std::string &command)
 
 // How the tool is started: a shell word, for command lines and pipelines alike.
 const std::string kCli = tqtest::built_program(TQ_CLI);
-const std::string kGnupgData = TQ_GNUPG_DATA;
 
 Outcome run_cli(const std::string &args) { return run_shell(kCli + " " + args); }
 
@@ -62,7 +61,7 @@ TEST(Cli, EveryOutcomeHasItsExitStatusAndSaysWhy)
 {
     tqtest::Fixture d; // a scratch directory, the rows' working directory; the tool runs on the real system
     for (const char *name : {"/hello-dev.asc", "/hello-other.asc", "/big-dev.asc"})
-        d.copy(name, kGnupgData + name);
+        d.copy(name, TQ_GNUPG_DATA + std::string(name));
     for (auto [name, text] : {std::pair{"/plain.txt", "just text\n"}, {"/empty", ""}, {"/app.conf", "[G]\nK=v\n"},
                               {"/main.conf", "# kept\n[Main]\nMode=slow\n"}, {"/short.b64", "YWJ\n"},
                               {"/lower.url", "YQ%3d%3d\n"}})
@@ -228,7 +227,7 @@ TEST(Cli, RecordsRoundTripAndOpensslReadsThem)
         SCOPED_TRACE(n);
         d.write("/in", pattern(n, 'a', 26));
         ASSERT_EQ(run_cli("record write " + rec + " <" + d.host("/in")), ok());
-        // Whole blocks, the text and at least one zero byte, readable by its owner only.
+        // Owner-only, whole blocks with room for the closing zero, and openssl reads the text back.
         EXPECT_EQ(run_shell("stat -c '%s %a' " + rec + " && openssl enc -d -aes-128-cbc -nopad -in " + rec +
                             " -K 7175696c6c6f6e5f706176656d656e74 -iv 5a1c0e77d29b4f3806e1a9c47b2d8f13 | tr -d '\\0'"),
                   ok(std::to_string(16 * (n / 16 + 1)) + " 600\n" + pattern(n, 'a', 26)));
