@@ -174,7 +174,7 @@ TEST(Cli, IdentityTextJsonAndSingleFieldsAgree)
 
     for (const std::string &line : tqtest::lines_of(text.out)) {
         std::smatch m;
-        ASSERT_TRUE(std::regex_match(line, m, std::regex(R"(([a-z0-9_]+):\s+(.+))"))) << line;
+        ASSERT_TRUE(std::regex_match(line, m, std::regex(R"(([a-z0-9_]+):\s+(\S.*))"))) << line;
         const std::string field = m[1], value = m[2] == "not available" ? "" : m[2].str();
         // Asked for alone: the bare value, or an empty line, a word why and exit 1 when there is none.
         Outcome none{1, "\n", "tavro-quenda: identity: " + field + ": not available\n"};
