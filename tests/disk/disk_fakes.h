@@ -14,8 +14,14 @@
 #include "foundation/os.h"
 #include "support/fixture.h"
 #include "support/leak_check.h"
+#include "support/results.h"
+#include "tavro-quenda.h"
 
 namespace disktest {
+
+using tqtest::or_null;
+using tqtest::take;
+using Calls = std::vector<std::string>;
 
 // A recorded machine; the test fails if it leaves a descriptor or a child behind.
 class Machine : public ::testing::Test {
@@ -34,10 +40,9 @@ inline constexpr char kDmsetup[] = "/usr/sbin/dmsetup";
 inline void fake_ata_identity(std::string node_suffix, std::string model, std::string serial)
 {
     tq::os::testing::set_ioctl([=](int fd, unsigned long request, void *arg) {
-        char target[PATH_MAX] = {};
-        ssize_t n = ::readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), target, sizeof(target) - 1);
-        std::string path(target, n > 0 ? static_cast<size_t>(n) : 0);
-        if (request != HDIO_GET_IDENTITY || !path.ends_with(node_suffix)) {
+        char path[PATH_MAX] = {};
+        (void)!::readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path, sizeof(path) - 1);
+        if (request != HDIO_GET_IDENTITY || !std::string(path).ends_with(node_suffix)) {
             errno = ENOTTY;
             return -1;
         }

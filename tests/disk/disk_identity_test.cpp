@@ -1,18 +1,14 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The system disk identity, end to end over recorded machines.
 #include "disk_fakes.h"
-#include "support/results.h"
-#include "tavro-quenda.h"
 
 namespace {
 
-using disktest::kDmsetup;
-using disktest::kSmartctl;
-using Calls = std::vector<std::string>;
+using namespace disktest;
 
-std::string identity() { return tqtest::take(tavro_quenda_get_harddisk_id()); }
+std::string identity() { return take(tavro_quenda_get_harddisk_id()); }
 
-class SystemDisk : public disktest::Machine {
+class SystemDisk : public Machine {
 protected:
     // The root file system is on the block device `root`.
     void root_on(const std::string &root)
@@ -23,7 +19,7 @@ protected:
     // A root logical volume /dev/mapper/centos-root over the physical volume pv.
     void lvm_machine(const std::string &pv)
     {
-        disktest::mapping(fx, "centos-root");
+        mapping(fx, "centos-root");
         root_on("/dev/mapper/centos-root");
         fx.program("/bin/lsblk", "lvm\n");
         fx.program("/sbin/lvdisplay",
@@ -39,7 +35,7 @@ protected:
 TEST_F(SystemDisk, SataPartitionByAtaIdentify)
 {
     root_on("/dev/sda2");
-    disktest::fake_ata_identity("/dev/sda2", "WDC WD10EZEX-08WN4A0", "WD-WCC6Y1234567");
+    fake_ata_identity("/dev/sda2", "WDC WD10EZEX-08WN4A0", "WD-WCC6Y1234567");
     fx.program(kSmartctl, "Device Model: other\nSerial Number: other\n");
     EXPECT_EQ(identity(), "WDCWD10EZEX-08WN4A0_WD-WCC6Y1234567");
     EXPECT_TRUE(tqtest::contains(fx.trace_log(), "tavro_quenda_get_harddisk_id: WDCWD10EZEX-08WN4A0_WD-WCC6Y1234567"));
@@ -62,7 +58,7 @@ TEST_F(SystemDisk, ByUuidRootFallsThroughToSmartctl)
     fx.write("/proc/cmdline", "console=ttyS0 root=UUID=0a1b-2c3d rootwait\n");
     // The ATA reader opens /dev/<uuid>, which does not exist: the disk's own
     // ATA answer is never seen, and smartctl reads the USB bridge.
-    disktest::fake_ata_identity("/dev/sda1", "ATA", "ANSWER");
+    fake_ata_identity("/dev/sda1", "ATA", "ANSWER");
     fx.program(kSmartctl, tqtest::read_file(tqtest::corpus("smartctl/usb-sat-asmedia-asmt106x-bridge-name-as-model.txt")));
     EXPECT_EQ(identity(), "ASMT106x_V0Safe_--");
     EXPECT_EQ(fx.calls(kSmartctl), Calls{"-i " + fx.host("/dev/sda1")});
@@ -70,11 +66,11 @@ TEST_F(SystemDisk, ByUuidRootFallsThroughToSmartctl)
 
 TEST_F(SystemDisk, DeviceMapperOnAWholeDiskAnswersTheNodePath)
 {
-    disktest::mapping(fx, "root");
+    mapping(fx, "root");
     root_on("/dev/mapper/root");
     fx.block_device("/dev/sda");
     fx.program(kDmsetup, " 1 dependencies  : (sda)\n");
-    disktest::whole_disk("/dev/sda");
+    whole_disk("/dev/sda");
     EXPECT_EQ(identity(), "/dev/sda");
     EXPECT_EQ(fx.calls(kDmsetup), Calls{"deps -o devname " + fx.host("/dev/dm-0")});
 }
@@ -96,9 +92,9 @@ TEST_F(SystemDisk, LogicalVolumeOnAnEncryptedPhysicalVolume)
 {
     lvm_machine("/dev/mapper/sda3_crypt");
     fx.block_device("/dev/sda3");
-    disktest::mapping(fx, "sda3_crypt", "dm-1");
+    mapping(fx, "sda3_crypt", "dm-1");
     fx.program(kDmsetup, "1 dependencies  : (dm-1)\n");
-    disktest::whole_disk("/dev/none");
+    whole_disk("/dev/none");
     EXPECT_EQ(identity(), "OOS12000G_00008AXB");
     EXPECT_EQ(fx.calls(kSmartctl).back(), "-i " + fx.host("/dev/sda3"));
 }

@@ -7,30 +7,25 @@
 #include <map>
 
 #include "disk_fakes.h"
-#include "support/results.h"
-#include "tavro-quenda.h"
 
 namespace {
 
-using disktest::kDmsetup;
-using disktest::kSmartctl;
-using tqtest::or_null;
-using tqtest::take;
-using Readers = disktest::Machine;
+using namespace disktest;
+using Readers = Machine;
 constexpr const char *kNull = nullptr;
 
 TEST_F(Readers, AtaIdentityKeepsOnlyGraphicBytes)
 {
     fx.block_device("/dev/sda");
     fx.block_device("/dev/sda2");
-    disktest::fake_ata_identity("/dev/sda2", "WDC WD10EZEX-08WN4A0", "     WD-WCC6Y1234567");
+    fake_ata_identity("/dev/sda2", "WDC WD10EZEX-08WN4A0", "     WD-WCC6Y1234567");
     EXPECT_EQ(take(harddisk_id("/dev/sda2")), "WDCWD10EZEX-08WN4A0_WD-WCC6Y1234567");
     EXPECT_EQ(take(harddisk_id("/dev/sda")), "<null>"); // the ioctl fails
     // A by-uuid link resolves to a block device, but the reader opens /dev/<uuid>.
     fx.symlink("../../sda2", "/dev/disk/by-uuid/1234-ABCD");
     EXPECT_EQ(take(harddisk_id("/dev/disk/by-uuid/1234-ABCD")), "<null>");
     // Blank halves still answer the separator; not a block device answers nothing.
-    disktest::fake_ata_identity("/dev/sda2", "", "");
+    fake_ata_identity("/dev/sda2", "", "");
     EXPECT_EQ(or_null(tq::harddisk_id_ata_identity("/dev/sda2")), "_");
     fx.write("/dev/sdq", "");
     for (const char *path : {"/dev/sdq", "/dev/missing", kNull})
@@ -89,8 +84,8 @@ TEST_F(Readers, LsblkFindsTheTopLevelDeviceByBaseName)
         {"sda", "Samsung-SSD-860-_S3Z-9NB0K"}, {"sdd", "%n_100%s"}, {"sdb", "<null>"}, {"sdc", "<null>"}, {"sd", "<null>"}};
     for (const auto &[name, want] : cases)
         EXPECT_EQ(or_null(tq::lsblk_identity_from_json(json, name)), want) << name;
-    EXPECT_EQ(or_null(tq::lsblk_identity_from_json("{}", "sda")), "<null>");
-    EXPECT_EQ(or_null(tq::lsblk_identity_from_json("not json", "sda")), "<null>");
+    for (const char *bad : {"{}", "not json"})
+        EXPECT_EQ(or_null(tq::lsblk_identity_from_json(bad, "sda")), "<null>") << bad;
     // Real lsblk output: the QEMU disk has no serial.
     std::string qemu = tqtest::read_file(tqtest::corpus("lsblk/lsblk-OJb-qemu-vm-old-util-linux-one-line-per-device.json"));
     EXPECT_EQ(or_null(tq::lsblk_identity_from_json(qemu, "sda")), "<null>");
@@ -138,7 +133,7 @@ TEST_F(Readers, SmartctlReadsEveryRealReport)
     };
     size_t seen = 0, checked = 0;
     for (const auto &entry : std::filesystem::directory_iterator(tqtest::corpus("smartctl"))) {
-        std::string name = entry.path().filename().string();
+        const std::string name = entry.path().filename().string();
         fx.program(kSmartctl, tqtest::read_file(entry.path().string()));
         std::string got = take(harddisk_id_smartctl("/dev/disk/by-id/ata-disk"));
         ++seen;
@@ -158,7 +153,7 @@ TEST_F(Readers, SmartctlNeedsAnExecutableProgramAndABlockDevice)
 {
     fx.block_device("/dev/sda");
     fx.write("/dev/notblock", "");
-    EXPECT_EQ(take(harddisk_id_smartctl("/dev/sda")), "<null>");
+    EXPECT_EQ(take(harddisk_id_smartctl("/dev/sda")), "<null>"); // no smartctl, then one not executable
     fx.write(kSmartctl, "#!/bin/sh\necho Device Model: X\necho Serial Number: Y\n", 0644);
     EXPECT_EQ(take(harddisk_id_smartctl("/dev/sda")), "<null>");
     fx.program(kSmartctl, "Device Model: X\nSerial Number: Y\n");
@@ -203,18 +198,18 @@ TEST(OtherDevices, BootDeviceCidOpticalDriveAndWholeDisk)
 
 TEST_F(Readers, DeviceMapperOnNvmeBySysfsOnSataByTheMappingName)
 {
-    disktest::mapping(fx, "root");
+    mapping(fx, "root");
     fx.block_device("/dev/nvme0n1p3");
     fx.write("/sys/block/nvme0n1/device/model", "Samsung SSD 980 1TB\n");
     fx.write("/sys/block/nvme0n1/device/serial", "S64ANS0T123456\n");
-    disktest::whole_disk("/dev/sda");
+    whole_disk("/dev/sda");
     fx.program(kDmsetup, "1 dependencies  : (nvme0n1p3)\n");
     EXPECT_EQ(take(harddisk_id("/dev/mapper/root")), "Samsung-SSD-980-1TB_S64ANS0T123456");
     // On a SATA partition the ATA reader is asked about /dev/<mapping name>.
     fx.block_device("/dev/sda2");
     fx.block_device("/dev/root");
     fx.program(kDmsetup, "1 dependencies  : (sda2)\n");
-    disktest::fake_ata_identity("/dev/root", "MAPPED", "NAME");
+    fake_ata_identity("/dev/root", "MAPPED", "NAME");
     EXPECT_EQ(take(harddisk_id("/dev/mapper/root")), "MAPPED_NAME");
 }
 

@@ -4,17 +4,11 @@
 #include <filesystem>
 
 #include "disk_fakes.h"
-#include "support/results.h"
-#include "tavro-quenda.h"
 
 namespace {
 
-using disktest::kDmsetup;
-using disktest::kSmartctl;
-using tqtest::or_null;
-using tqtest::take;
-using Lvm = disktest::Machine;
-using Calls = std::vector<std::string>;
+using namespace disktest;
+using Lvm = Machine;
 
 std::string corpus_lvm(const char *name) { return tqtest::read_file(tqtest::corpus(std::string("lvm/") + name)); }
 
@@ -90,7 +84,7 @@ TEST(LvmReports, VolumeGroupPhysicalVolumeAndTheVolumeUnderAnEncryption)
 
 TEST_F(Lvm, IdentifiesThePhysicalVolumeBySmartctl)
 {
-    disktest::mapping(fx, "centos-root");
+    mapping(fx, "centos-root");
     fx.block_device("/dev/sdb");
     fx.program("/sbin/lvdisplay", corpus_lvm("lvdisplay-centos7-swap-root-missing-pv-warning.txt"));
     fx.program("/sbin/pvdisplay", corpus_lvm("pvdisplay-centos-two-pvs-sda2-sdb.txt"));

@@ -1,23 +1,18 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "disk/root_device.h"
 
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
-#include <functional>
 #include <memory>
 
 #include "disk_fakes.h"
 #include "foundation/strutil.h"
-#include "support/results.h"
-#include "tavro-quenda.h"
+#include "support/bounded_call.h"
 
 namespace {
 
+using namespace disktest;
 using CString = std::unique_ptr<char, tq::FreeDeleter>;
-using tqtest::or_null;
-using tqtest::take;
 
 TEST(RootDevice, MountTableAndKernelCommandLineTexts)
 {
@@ -52,31 +47,6 @@ TEST(RootDevice, MountTableAndKernelCommandLineTexts)
     EXPECT_EQ(tq::replace_all("abc", "-", ""), "abc"); // an empty needle ends
 }
 
-// Peak memory growth, in KiB, of one call made in a child process.
-long peak_growth_kib(const std::function<void()> &call)
-{
-    int fds[2];
-    if (pipe(fds) != 0)
-        return -1;
-    pid_t pid = fork();
-    if (pid == 0) {
-        struct rusage before {}, after {};
-        getrusage(RUSAGE_SELF, &before);
-        call();
-        getrusage(RUSAGE_SELF, &after);
-        long growth = after.ru_maxrss - before.ru_maxrss;
-        _exit(write(fds[1], &growth, sizeof(growth)) == sizeof(growth) ? 0 : 1);
-    }
-    close(fds[1]);
-    long growth = -1;
-    if (read(fds[0], &growth, sizeof(growth)) != sizeof(growth))
-        growth = -1;
-    close(fds[0]);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return growth;
-}
-
 TEST(RootDevice, CommandLineFileIsARegularFileReadOnlyToItsFirstLine)
 {
     tqtest::Fixture fx;
@@ -91,16 +61,13 @@ TEST(RootDevice, CommandLineFileIsARegularFileReadOnlyToItsFirstLine)
     const std::string big = fx.host("/cmdline");
     fx.write("/cmdline", "ro root=/dev/sda2");
     ASSERT_EQ(truncate(big.c_str(), 1L << 30), 0);
-    std::string answer;
-    long growth = peak_growth_kib([&] { answer = take(command_line_get_root_device_name(big.c_str())); });
-    EXPECT_EQ(take(command_line_get_root_device_name(big.c_str())), "/dev/sda2");
-    RecordProperty("peak_growth_kib", static_cast<int>(growth));
-    EXPECT_GE(growth, 0);
-    EXPECT_LT(growth, 64 * 1024) << "KiB";
+    auto call = tqtest::bounded_call([&] { return take(command_line_get_root_device_name(big.c_str())); });
+    EXPECT_EQ(call.answer, "/dev/sda2");
+    EXPECT_TRUE(tqtest::within_memory_bound(call.grown_kib));
     EXPECT_TRUE(leaks.clean());
 }
 
-using RootDeviceMachine = disktest::Machine;
+using RootDeviceMachine = Machine;
 
 TEST_F(RootDeviceMachine, MountTableFirstThenKernelCommandLine)
 {
