@@ -7,33 +7,27 @@
 
 namespace {
 
-std::string cleaned(void (*cleaner)(char *), std::string text)
-{
-    cleaner(text.data());
-    return text.c_str();
-}
-
 TEST(Cleaners, RemoveExactlyTheirOwnBytes)
 {
-    EXPECT_EQ(cleaned(removeSpaces, " a b\n"), "ab");
-    EXPECT_EQ(cleaned(removeSpaces, "a\tb\r"), "a\tb\r");
-    EXPECT_EQ(cleaned(removeSpecialChar, "ST1000 (DM003)\n"), "ST1000DM003");
-    EXPECT_EQ(cleaned(removeSpecialChar, "a\t[b],c\r"), "a\t[b],c\r");
-    EXPECT_EQ(cleaned(removeSpacesTabs, "Hardware\t: Kirin 990"), "Hardware:Kirin990");
-    EXPECT_EQ(cleaned(removeSpacesTabs, "a\nb"), "a\nb");
-    for (auto cleaner : {removeSpaces, removeSpecialChar, removeSpacesTabs, toLowerCase})
-        EXPECT_EQ(cleaned(cleaner, ""), "");
-}
-
-TEST(Cleaners, LowerCaseTouchesAsciiCapitalsOnly)
-{
-    // "ABC-" then "ÄÖ" in UTF-8: only the three ASCII capitals change.
-    EXPECT_EQ(cleaned(toLowerCase, "ABC-\xC3\x84\xC3\x96"), "abc-\xC3\x84\xC3\x96");
-    EXPECT_EQ(cleaned(toLowerCase, "@[`{Zz"), "@[`{zz");
-}
-
-TEST(Cleaners, NullArgumentsAreIgnoredWhereAllowed)
-{
+    const struct {
+        void (*cleaner)(char *);
+        const char *in, *out;
+    } cases[] = {
+        {removeSpaces, " a b\n", "ab"},
+        {removeSpaces, "a\tb\r", "a\tb\r"},
+        {removeSpecialChar, "ST1000 (DM003)\n", "ST1000DM003"},
+        {removeSpecialChar, "a\t[b],c\r", "a\t[b],c\r"},
+        {removeSpacesTabs, "Hardware\t: Kirin 990", "Hardware:Kirin990"},
+        {removeSpacesTabs, "a\nb", "a\nb"},
+        {toLowerCase, "ABC-\xC3\x84\xC3\x96", "abc-\xC3\x84\xC3\x96"}, // UTF-8 bytes never change
+        {toLowerCase, "@[`{Zz", "@[`{zz"},
+    };
+    for (const auto &c : cases) {
+        std::string text = c.in;
+        c.cleaner(text.data());
+        EXPECT_STREQ(text.c_str(), c.out) << c.in;
+    }
+    // Null arguments are ignored where allowed.
     removeSpaces(nullptr);
     removeSpecialChar(nullptr);
     toLowerCase(nullptr);
@@ -44,23 +38,16 @@ TEST(RemoveNullChars, LeavesCopiesOfTheLastByteAtTheEnd)
     char buf[] = {'a', 0, 'b', 0, 'c', 'X'};
     remove_null_chars(buf, 5);
     EXPECT_EQ(std::string(buf, 6), std::string("abcccX"));
-
     char run[] = {0, 0, 'z', 0, 0, 'T'};
     remove_null_chars(run, 5);
-    EXPECT_EQ(run[0], 'z');
-    EXPECT_EQ(run[5], 'T'); // the byte beyond the range is never touched
-
-    char none[] = {0};
-    remove_null_chars(none, 0);
-    EXPECT_EQ(none[0], 0);
+    EXPECT_EQ(std::string(run, 6), std::string("z\0\0\0\0T", 6)); // the byte beyond the range is never touched
 }
 
 TEST(FindString, PointsIntoTheHaystack)
 {
     const char *haystack = "Model Family: Seagate";
     EXPECT_EQ(find_string(haystack, "Family"), haystack + 6);
-    EXPECT_EQ(find_string(haystack, "family"), nullptr); // case-sensitive
-    EXPECT_EQ(find_string(haystack, ""), haystack);
+    EXPECT_EQ(find_string(haystack, "family"), nullptr);
 }
 
 } // namespace

@@ -19,6 +19,8 @@
 #include <functional>
 #include <string>
 
+#include "foundation/unique_fd.h"
+
 namespace tqtest {
 
 struct BoundedCall {
@@ -54,27 +56,21 @@ inline BoundedCall bounded_call(const std::function<std::string()> &call, int ti
     ::close(fds[1]);
     std::string out;
     bool ended = false;
-    if (pid > 0) {
-        struct pollfd p = {fds[0], POLLIN, 0};
-        for (;;) {
-            int ready = ::poll(&p, 1, timeout_seconds * 1000);
-            if (ready < 0 && errno == EINTR)
-                continue;
-            if (ready <= 0)
-                break;
-            char buf[4096];
-            ssize_t n = ::read(fds[0], buf, sizeof buf);
-            if (n <= 0) {
-                ended = n == 0;
-                break;
-            }
-            out.append(buf, static_cast<size_t>(n));
-        }
-        if (!ended)
-            ::kill(-pid, SIGKILL), ::kill(pid, SIGKILL);
-        int status = 0;
-        while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-        }
+    struct pollfd p = {fds[0], POLLIN, 0};
+    char buf[4096];
+    while (pid > 0) {
+        const int ready = ::poll(&p, 1, timeout_seconds * 1000);
+        if (ready < 0 && errno == EINTR)
+            continue;
+        const ssize_t n = ready > 0 ? ::read(fds[0], buf, sizeof buf) : -1;
+        ended = n == 0;
+        if (n <= 0)
+            break;
+        out.append(buf, static_cast<size_t>(n));
+    }
+    if (pid > 0 && !ended)
+        ::kill(-pid, SIGKILL), ::kill(pid, SIGKILL);
+    while (pid > 0 && ::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
     }
     ::close(fds[0]);
     const size_t nl = out.rfind('\n');
@@ -93,11 +89,8 @@ inline BoundedCall bounded_call(const std::function<std::string()> &call, int ti
 // A sparse file of size bytes at a host path: huge, yet free to make.
 inline bool make_sparse(const std::string &host, off_t size)
 {
-    int fd = ::open(host.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    bool ok = fd >= 0 && ::ftruncate(fd, size) == 0;
-    if (fd >= 0)
-        ::close(fd);
-    return ok;
+    tq::UniqueFD fd(::open(host.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    return fd && ::ftruncate(fd.get(), size) == 0;
 }
 
 // Four times what a call may add to its peak memory: large enough to show a

@@ -3,14 +3,15 @@
 
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
 
 #include "foundation/os.h"
+#include "results.h"
 
 namespace fs = std::filesystem;
 
@@ -41,8 +42,8 @@ Fixture::Fixture()
 Fixture::~Fixture()
 {
     tq::os::testing::reset();
-    if (path_changed_)
-        ::setenv("PATH", saved_path_.c_str(), 1);
+    if (saved_path_)
+        ::setenv("PATH", saved_path_->c_str(), 1);
     std::error_code ignored;
     fs::remove_all(root_, ignored);
 }
@@ -62,10 +63,7 @@ void Fixture::write(std::string_view path, std::string_view content, unsigned mo
     ::chmod(h.c_str(), mode);
 }
 
-void Fixture::copy(std::string_view path, const std::string &host_source)
-{
-    write(path, read_file(host_source));
-}
+void Fixture::copy(std::string_view path, const std::string &host_source) { write(path, read_file(host_source)); }
 
 void Fixture::mkdir(std::string_view path) { fs::create_directories(host(path)); }
 
@@ -86,67 +84,47 @@ void Fixture::block_device(std::string_view path)
 std::string Fixture::log_of(std::string_view path) const
 {
     std::string name(path);
-    for (char &c : name) {
-        if (c == '/')
-            c = '_';
-    }
+    std::replace(name.begin(), name.end(), '/', '_');
     return root_ + "/.fake-calls/" + name + ".log";
 }
 
-void Fixture::install_script(const std::string &host_path, const std::string &log, std::string_view body)
+void Fixture::install_script(std::string_view path, std::string_view logged_as, std::string_view body)
 {
-    fs::create_directories(fs::path(log).parent_path());
-    std::string text = "#!/bin/sh\nprintf '%s\\n' \"$*\" >> '" + log + "'\n" + std::string(body) + "\n";
-    fs::create_directories(fs::path(host_path).parent_path());
-    std::ofstream(host_path, std::ios::trunc) << text;
-    ::chmod(host_path.c_str(), 0755);
+    fs::create_directories(root_ + "/.fake-calls");
+    write(path, "#!/bin/sh\nprintf '%s\\n' \"$*\" >> '" + log_of(logged_as) + "'\n" + std::string(body) + "\n", 0755);
 }
 
-void Fixture::script(std::string_view path, std::string_view body)
+std::string Fixture::replay(const std::string &output_path, std::string_view stdout_text, int exit_code)
 {
-    install_script(host(path), log_of(path), body);
+    write(output_path, stdout_text);
+    return "cat '" + host(output_path) + "'\nexit " + std::to_string(exit_code);
 }
+
+void Fixture::script(std::string_view path, std::string_view body) { install_script(path, path, body); }
 
 void Fixture::program(std::string_view path, std::string_view stdout_text, int exit_code)
 {
-    std::string out = root_ + "/.fake-output/" + std::string(path);
-    fs::create_directories(fs::path(out).parent_path());
-    std::ofstream(out, std::ios::binary | std::ios::trunc) << stdout_text;
-    script(path, "cat '" + out + "'\nexit " + std::to_string(exit_code));
-}
-
-void Fixture::ensure_path_dir()
-{
-    if (path_changed_)
-        return;
-    const char *old = ::getenv("PATH");
-    saved_path_ = old ? old : "/usr/bin:/bin";
-    fs::create_directories(root_ + "/.fake-path");
-    ::setenv("PATH", (root_ + "/.fake-path:" + saved_path_).c_str(), 1);
-    path_changed_ = true;
+    script(path, replay("/.fake-output" + std::string(path), stdout_text, exit_code));
 }
 
 void Fixture::path_script(std::string_view name, std::string_view body)
 {
-    ensure_path_dir();
-    install_script(root_ + "/.fake-path/" + std::string(name), log_of(name), body);
+    if (!saved_path_) {
+        const char *old = ::getenv("PATH");
+        saved_path_ = old ? old : "/usr/bin:/bin";
+        ::setenv("PATH", (root_ + "/.fake-path:" + *saved_path_).c_str(), 1);
+    }
+    install_script("/.fake-path/" + std::string(name), name, body);
 }
 
 void Fixture::path_program(std::string_view name, std::string_view stdout_text, int exit_code)
 {
-    std::string out = root_ + "/.fake-output/path-" + std::string(name);
-    fs::create_directories(fs::path(out).parent_path());
-    std::ofstream(out, std::ios::binary | std::ios::trunc) << stdout_text;
-    path_script(name, "cat '" + out + "'\nexit " + std::to_string(exit_code));
+    path_script(name, replay("/.fake-output/path-" + std::string(name), stdout_text, exit_code));
 }
 
 std::vector<std::string> Fixture::calls(std::string_view path_or_name) const
 {
-    std::vector<std::string> lines;
-    std::ifstream in(log_of(path_or_name));
-    for (std::string line; std::getline(in, line);)
-        lines.push_back(line);
-    return lines;
+    return lines_of(read_file(log_of(path_or_name)));
 }
 
 std::string Fixture::read(std::string_view path) const { return read_file(host(path)); }

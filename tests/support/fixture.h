@@ -4,6 +4,7 @@
 // log how they were called, and fake block devices.
 #pragma once
 
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -55,13 +56,14 @@ public:
 
 private:
     std::string log_of(std::string_view path) const;
-    void install_script(const std::string &host, const std::string &log, std::string_view body);
-    void ensure_path_dir();
+    // A logging script at path whose calls are logged under the name logged_as.
+    void install_script(std::string_view path, std::string_view logged_as, std::string_view body);
+    // Stores what a fake prints at output_path; the script body that prints it.
+    std::string replay(const std::string &output_path, std::string_view stdout_text, int exit_code);
 
     std::string root_;
     std::set<std::string> block_devices_;
-    std::string saved_path_;
-    bool path_changed_ = false;
+    std::optional<std::string> saved_path_; // PATH before path_script() changed it
 };
 
 } // namespace tqtest

@@ -34,7 +34,4 @@ private:
 // The temporary names of the library's GnuPG verifications.
 inline std::vector<std::string> gnupg_temp_prefixes() { return {"gpgdir-", "pubkey_"}; }
 
-// The descriptors this process has open.
-std::set<int> open_fds();
-
 } // namespace tqtest

@@ -11,23 +11,18 @@
 
 namespace tqtest {
 
-// Takes over a malloc()ed library result: its text, or "<null>" for null.
-inline std::string take(char *owned)
+// Takes over a malloc()ed library result: its text, or nullopt for null.
+inline std::optional<std::string> take_optional(char *owned)
 {
-    std::string text = owned ? owned : "<null>";
+    std::optional<std::string> text;
+    if (owned)
+        text = owned;
     std::free(owned);
     return text;
 }
 
-// Takes over a malloc()ed library result: its text, or nullopt for null.
-inline std::optional<std::string> take_optional(char *owned)
-{
-    if (!owned)
-        return std::nullopt;
-    std::string text = owned;
-    std::free(owned);
-    return text;
-}
+// The same, with "<null>" for null.
+inline std::string take(char *owned) { return take_optional(owned).value_or("<null>"); }
 
 // An internal reader's answer: its text, or "<null>".
 inline std::string or_null(const std::optional<std::string> &text) { return text ? *text : "<null>"; }
