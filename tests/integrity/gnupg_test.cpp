@@ -1,33 +1,16 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // OpenPGP verification and encryption against the real gpg, with the
 // development key the default build embeds.
-#include <gtest/gtest.h>
-
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cctype>
-#include <cstdlib>
 #include <chrono>
-#include <cstring>
 #include <ctime>
 #include <filesystem>
-#include <functional>
-#include <memory>
 #include <optional>
-#include <sstream>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "bounded_call.h"
 #include "built_program.h"
-#include "fixture.h"
 #include "integrity/gnupg.h"
-#include "leak_check.h"
-#include "results.h"
-#include "tavro-quenda.h"
+#include "peer_tools.h"
 #include "tavro_quenda_trusted_key.h"
 
 namespace fs = std::filesystem;
@@ -48,15 +31,7 @@ std::string tampered_hello()
 }
 
 // The real gpg, found before a test puts a wrapper in front of it.
-std::string real_gpg()
-{
-    std::istringstream dirs(::getenv("PATH") ? ::getenv("PATH") : "/usr/bin:/bin");
-    for (std::string dir; std::getline(dirs, dir, ':');) {
-        if (::access((dir + "/gpg").c_str(), X_OK) == 0)
-            return dir + "/gpg";
-    }
-    return "/usr/bin/gpg";
-}
+std::string real_gpg() { return tqtest::run("command -v gpg | tr -d '\\n'"); }
 
 // Live gpg-agent processes whose command line mentions needle (a zombie's is empty).
 int agents_mentioning(const std::string &needle)
@@ -97,12 +72,6 @@ std::string outcome(Verifier verify, const std::string &path)
     return std::to_string(code) + "|" + tqtest::take(content) + "|" + (len == kUntouched ? "-" : std::to_string(len));
 }
 
-// The signed fixtures are signed by the development key.
-#define REQUIRE_DEVELOPMENT_KEY()                                                                                      \
-    do {                                                                                                               \
-        if (!tq::generated::kTrustedKeyIsDevelopment) GTEST_SKIP() << "the development key is not embedded";           \
-    } while (0)
-
 class Gnupg : public ::testing::Test {
 protected:
     void SetUp() override
@@ -141,6 +110,16 @@ protected:
     std::optional<std::string> saved_home_;
 };
 
+// The signed fixtures are signed by the development key.
+class SignedGnupg : public Gnupg {
+    void SetUp() override
+    {
+        Gnupg::SetUp();
+        if (!tq::generated::kTrustedKeyIsDevelopment)
+            GTEST_SKIP() << "the development key is not embedded";
+    }
+};
+
 TEST_F(Gnupg, TheSignedBodyIsCutOutOfTheTextAndOnlyTheFirst4095BytesAreRead)
 {
     const std::string head = "-----BEGIN PGP SIGNED MESSAGE-----\n", hello = data("hello-dev.asc");
@@ -151,18 +130,16 @@ TEST_F(Gnupg, TheSignedBodyIsCutOutOfTheTextAndOnlyTheFirst4095BytesAreRead)
         // Text before the marker is skipped; dash-escaped lines stay as they are.
         {"junk\n" + head + "Hash: SHA1\n\n- -dash\n-----BEGIN PGP SIGNATURE-----", "0|- -dash\n|8"},
         {"", "-1||77"}, {"hello\n", "-1||77"}, {"-----BEGIN PGP SIGNED MESSAGE-----", "-1||77"},
-        {head + "Hash: SHA1", "-1||77"},
-        {head + "Hash: SHA1\n\nno signature\n", "-1||77"},
+        {head + "Hash: SHA1", "-1||77"}, {head + "Hash: SHA1\n\nno signature\n", "-1||77"},
         {"-----BEGIN PGP SIGNATURE-----\n" + head + "Hash: SHA1\n\n", "-1||77"},
         // Texts that end right after the header line.
         {head + "Hash: SHA1\n", "-1||77"}, {head + "\n", "-1||77"}, {head + "\n\n", "-1||77"},
     };
     for (const auto &[text, expected] : cases) {
-        // Exactly sized heap copies, so that the sanitizer sees any over-read.
-        std::unique_ptr<char[]> exact(new char[text.size() + 1]), body(new char[text.size() + 1]);
-        std::memcpy(exact.get(), text.c_str(), text.size() + 1);
+        // Exactly sized heap buffers, so that the sanitizer sees any over-read.
+        std::unique_ptr<char[]> body(new char[text.size() + 1]);
         size_t len = 77;
-        const int32_t rc = extract_signed_message(exact.get(), body.get(), &len);
+        const int32_t rc = extract_signed_message(tqtest::exact_copy(text).get(), body.get(), &len);
         EXPECT_EQ(expected, std::to_string(rc) + "|" + (rc == 0 ? body.get() : "") + "|" + std::to_string(len)) << text;
     }
     char body[512];
@@ -204,9 +181,8 @@ TEST_F(Gnupg, TrustedKeyRecordMatchesWhatGpgSaysAndTheTempKeyFileHoldsIt)
     ::unlink(fx_.host(path).c_str());
 }
 
-TEST_F(Gnupg, EachVerifierAcceptsOnlyTheTrustedKeyWhateverThePathAndLeavesNoAgent)
+TEST_F(SignedGnupg, EachVerifierAcceptsOnlyTheTrustedKeyWhateverThePathAndLeavesNoAgent)
 {
-    REQUIRE_DEVELOPMENT_KEY();
     const std::string hello = data("hello-dev.asc"), big = data("big-dev.asc"), other = data("hello-other.asc"),
                       tampered = tampered_hello(), plain = "just text\n";
     const std::string ok = "0|hello\n|6", no = "1|<null>|-", cached_no = "1|<null>|0";
@@ -260,49 +236,39 @@ TEST_F(Gnupg, EachVerifierAcceptsOnlyTheTrustedKeyWhateverThePathAndLeavesNoAgen
         EXPECT_FALSE(fs::exists(fx_.host("/data/") + planted) || fs::exists(cwd / planted)) << planted;
 }
 
-TEST_F(Gnupg, CommandLineVerifiersAcceptOnlyOneClearSignedMessageAndReturnItsBody)
+TEST_F(SignedGnupg, CommandLineVerifiersAcceptOnlyOneClearSignedMessageAndReturnItsBody)
 {
-    REQUIRE_DEVELOPMENT_KEY();
-    const std::string hello = data("hello-dev.asc"), no = "1|<null>|-", cached_no = "1|<null>|0";
+    const std::string hello = data("hello-dev.asc"), no = "1|<null>|-";
     // gpg skips text around the block it verifies; a forged block whose
     // markers carry a prefix was once cut out as the body.
     const std::string forged = "x-----BEGIN PGP SIGNED MESSAGE-----\nHash: SHA512\n\nforged\n"
                                "x-----BEGIN PGP SIGNATURE-----\n\n";
-    std::string crlf;
-    for (char c : hello)
-        crlf += c == '\n' ? std::string("\r\n") : std::string(1, c);
     std::string two_headers = hello;
     two_headers.insert(two_headers.find("Hash:"), "Hash: SHA512\n");
-    const struct {
-        std::string text, by_cmd, by_cache;
-    } rows[] = {
-        {forged + hello, no, cached_no},
-        {hello + hello, no, cached_no},
-        {"text\n" + hello, no, cached_no},
-        {hello + "text\n", no, cached_no},
-        {hello + " " + hello, no, cached_no},
-        {hello + "x-----BEGIN PGP SIGNATURE-----\n", no, cached_no},
-        {hello + hello.substr(hello.find("-----BEGIN PGP SIGNATURE-----")), no, cached_no},
+    const std::pair<std::string, std::string> rows[] = {
+        {forged + hello, no}, {hello + hello, no}, {"text\n" + hello, no}, {hello + "text\n", no},
+        {hello + " " + hello, no}, {hello + "x-----BEGIN PGP SIGNATURE-----\n", no},
+        {hello + hello.substr(hello.find("-----BEGIN PGP SIGNATURE-----")), no},
         // Blank lines around the one message are fine, and so are CR LF line
         // ends (the body then starts one character early, as it always did).
-        {"\n \n" + hello + "\n\t\n", "0|hello\n|6", "0|hello\n|6"},
-        {crlf, "0|\nhello\r\n|8", "0|\nhello\r\n|8"},
+        {"\n \n" + hello + "\n\t\n", "0|hello\n|6"},
+        {tqtest::crlf(hello), "0|\nhello\r\n|8"},
         // Two header lines: the body starts at the second character of the second one.
-        {two_headers, "0|ash: SHA512\n\nhello\n|19", "0|ash: SHA512\n\nhello\n|19"},
+        {two_headers, "0|ash: SHA512\n\nhello\n|19"},
     };
     int i = 0;
-    for (const auto &row : rows) {
-        const std::string path = put("wrapped" + std::to_string(++i) + ".asc", row.text);
-        EXPECT_EQ(row.by_cmd, outcome(gpg_verify_cmd, path)) << row.text;
-        EXPECT_EQ(row.by_cache, outcome(gpg_verify_cmd_cached, path)) << row.text;
+    for (const auto &[text, want] : rows) {
+        const std::string path = put("wrapped" + std::to_string(++i) + ".asc", text);
+        EXPECT_EQ(want, outcome(gpg_verify_cmd, path)) << text;
+        // The cached route hands back a zero length with a refusal.
+        EXPECT_EQ(want == no ? "1|<null>|0" : want, outcome(gpg_verify_cmd_cached, path)) << text;
     }
     // GPGME hands back what gpg verified, whatever surrounds it.
     EXPECT_EQ("0|hello\n|6", outcome(gpg_verify, "/data/wrapped1.asc"));
 }
 
-TEST_F(Gnupg, AFileReplacedRightAfterGpgReadItChangesNothing)
+TEST_F(SignedGnupg, AFileReplacedRightAfterGpgReadItChangesNothing)
 {
-    REQUIRE_DEVELOPMENT_KEY();
     const std::string path = put("swapped.asc", data("hello-dev.asc"));
     const std::string forged = "-----BEGIN PGP SIGNED MESSAGE-----\nHash: SHA512\n\nforged\n" +
                                data("hello-dev.asc").substr(data("hello-dev.asc").find("-----BEGIN PGP SIGNATURE"));
@@ -318,41 +284,26 @@ TEST_F(Gnupg, AFileReplacedRightAfterGpgReadItChangesNothing)
     }
 }
 
-TEST_F(Gnupg, AFifoADeviceOrAHugeFileIsRefusedWithoutWaitingOrFloodingMemory)
+TEST_F(SignedGnupg, AFifoADeviceOrAHugeFileIsRefusedWithoutWaitingOrFloodingMemory)
 {
-    REQUIRE_DEVELOPMENT_KEY();
-    ASSERT_TRUE(tqtest::make_fifo_and_zero(fx_.host("/data/fifo"), fx_.host("/data/zero")));
-    ASSERT_TRUE(tqtest::make_sparse(fx_.host("/data/huge"), tqtest::kHugeFile));
     fx_.mkdir("/tmp/home");
-    const auto verifier = [](Verifier verify) {
-        return [verify](const std::string &path) { return outcome(verify, path); };
-    };
-    const struct {
-        const char *name;
-        std::function<std::string(const std::string &)> call;
-        std::string refused, huge;
-    } rows[] = {
-        {"gpg_verify_cmd", verifier(gpg_verify_cmd), "1|<null>|-", "1|<null>|-"},
-        {"gpg_verify_cmd_cached", verifier(gpg_verify_cmd_cached), "1|<null>|-", "1|<null>|-"},
-        {"gpg_verify", verifier(gpg_verify), "49|<null>|-", "1|<null>|-"},
-        {"run_verify", [](const std::string &p) { return std::to_string(run_verify("/tmp/home", p.c_str())); }, "0",
-         "0"},
-        {"get_custom_info", [](const std::string &p) { return tqtest::take(get_custom_info(p.c_str(), nullptr)); },
-         "<null>", "<null>"},
-    };
-    for (const auto &row : rows) {
-        for (const char *path : {"/data/fifo", "/data/zero"})
-            EXPECT_EQ(row.refused, tqtest::bounded_call([&] { return row.call(path); }).answer) << row.name << path;
-        const tqtest::BoundedCall huge = tqtest::bounded_call([&] { return row.call("/data/huge"); }, 60);
-        EXPECT_EQ(row.huge, huge.answer) << row.name;
-        EXPECT_TRUE(tqtest::within_memory_bound(huge.grown_kib)) << row.name;
+    for (auto [verify, refused] : {std::pair<Verifier, const char *>{gpg_verify_cmd, "1|<null>|-"},
+                                   {gpg_verify_cmd_cached, "1|<null>|-"}, {gpg_verify, "49|<null>|-"}}) {
+        tqtest::expect_hostile_files(
+            fx_, "/data", refused, [&](const std::string &path) { return outcome(verify, path); }, refused,
+            "1|<null>|-");
     }
+    tqtest::expect_hostile_files(
+        fx_, "/data", "run_verify",
+        [](const std::string &p) { return std::to_string(run_verify("/tmp/home", p.c_str())); }, "0", "0");
+    tqtest::expect_hostile_files(
+        fx_, "/data", "get_custom_info",
+        [](const std::string &p) { return tqtest::take(get_custom_info(p.c_str(), nullptr)); }, "<null>", "<null>");
     fs::remove(fx_.host("/tmp/home"));
 }
 
-TEST_F(Gnupg, WithoutAPrivateHomeTheCommandLineGives16AndGpgmeUsesTheCurrentOne)
+TEST_F(SignedGnupg, WithoutAPrivateHomeTheCommandLineGives16AndGpgmeUsesTheCurrentOne)
 {
-    REQUIRE_DEVELOPMENT_KEY();
     const std::string path = put("hello.asc", data("hello-dev.asc"));
     wrap_gpg("case \"$*\" in *--import*) exit 2;; esac");
     EXPECT_EQ("16|<null>|-", outcome(gpg_verify_cmd, path));
@@ -369,47 +320,42 @@ TEST_F(Gnupg, WithoutAPrivateHomeTheCommandLineGives16AndGpgmeUsesTheCurrentOne)
     fx_.mkdir("/tmp");
 }
 
-TEST_F(Gnupg, CacheStartsGpgOnlyForANewOrChangedFile)
+TEST_F(SignedGnupg, CacheStartsGpgOnlyForANewOrChangedFile)
 {
-    REQUIRE_DEVELOPMENT_KEY();
     wrap_gpg();
     const std::string path = put("cached.asc", data("hello-dev.asc"));
-    EXPECT_EQ("0|hello\n|6", outcome(gpg_verify_cmd_cached, path));
-    EXPECT_EQ(2u, gpg_starts()); // import and verify
-    EXPECT_EQ("0|hello\n|6", outcome(gpg_verify_cmd_cached, path));
-    EXPECT_EQ(2u, gpg_starts());
+    // Two verifications in a row; gpg starts twice (import and verify) for the first only.
+    const auto twice = [&](const std::string &want, size_t starts) {
+        EXPECT_EQ(want, outcome(gpg_verify_cmd_cached, path));
+        EXPECT_EQ(want, outcome(gpg_verify_cmd_cached, path));
+        EXPECT_EQ(starts, gpg_starts());
+    };
+    twice("0|hello\n|6", 2);
     EXPECT_TRUE(contains(fx_.trace_log(), "GPG cache hit, file path: /data/cached.asc"));
-
     // A new modification time misses.
     const auto later = fs::last_write_time(fx_.host(path)) + std::chrono::seconds(7);
     fs::last_write_time(fx_.host(path), later);
-    EXPECT_EQ("0|hello\n|6", outcome(gpg_verify_cmd_cached, path));
-    EXPECT_EQ("0|hello\n|6", outcome(gpg_verify_cmd_cached, path));
-    EXPECT_EQ(4u, gpg_starts());
-
+    twice("0|hello\n|6", 4);
     // So does one changed byte under the same modification time; the failure is remembered too.
     fx_.write(path, tampered_hello());
     fs::last_write_time(fx_.host(path), later);
-    EXPECT_EQ("1|<null>|0", outcome(gpg_verify_cmd_cached, path));
-    EXPECT_EQ(6u, gpg_starts());
-    EXPECT_EQ("1|<null>|0", outcome(gpg_verify_cmd_cached, path));
-    EXPECT_EQ(6u, gpg_starts());
+    twice("1|<null>|0", 6);
 }
 
 TEST_F(Gnupg, CacheKeepsTheTenNewestFiles)
 {
     wrap_gpg();
-    std::vector<std::string> paths;
-    for (int i = 1; i <= 11; ++i) {
-        paths.push_back(put("file" + std::to_string(i), "not signed\n"));
-        EXPECT_EQ(1, gpg_verify_cmd_cached(paths.back().c_str(), nullptr, nullptr));
+    const auto verify = [this](int i) { return gpg_verify_cmd_cached(("/data/file" + std::to_string(i)).c_str(), nullptr, nullptr); };
+    for (int i = 0; i <= 10; ++i) {
+        put("file" + std::to_string(i), "not signed\n");
+        EXPECT_EQ(1, verify(i));
     }
     EXPECT_EQ(22u, gpg_starts());
     EXPECT_EQ(10u, tq::gpg_cache_count());
-    EXPECT_EQ(1, gpg_verify_cmd_cached(paths[1].c_str(), nullptr, nullptr));
-    EXPECT_EQ(1, gpg_verify_cmd_cached(paths[10].c_str(), nullptr, nullptr));
+    EXPECT_EQ(1, verify(1));
+    EXPECT_EQ(1, verify(10));
     EXPECT_EQ(22u, gpg_starts());
-    EXPECT_EQ(1, gpg_verify_cmd_cached(paths[0].c_str(), nullptr, nullptr)); // evicted
+    EXPECT_EQ(1, verify(0)); // evicted
     EXPECT_EQ(24u, gpg_starts());
 }
 
@@ -435,9 +381,8 @@ TEST(GnupgResults, UnsignedAndUntrustedSignaturesAreTold)
     }
 }
 
-TEST_F(Gnupg, EncryptedTextDecryptsWithTheDevelopmentSecretKey)
+TEST_F(SignedGnupg, EncryptedTextDecryptsWithTheDevelopmentSecretKey)
 {
-    REQUIRE_DEVELOPMENT_KEY();
     const char *text = "a secret for the trusted key\n";
     char *armoured = nullptr;
     size_t len = 0;
@@ -479,9 +424,8 @@ TEST_F(Gnupg, EncryptionWithTheClockBeforeTheKeyGives15)
     EXPECT_TRUE(contains(tqtest::read_file(log), "[  PASSED  ] 1 test")) << tqtest::read_file(log);
 }
 
-TEST_F(Gnupg, CommandLineToolVerifiesAndEncrypts)
+TEST_F(SignedGnupg, CommandLineToolVerifiesAndEncrypts)
 {
-    REQUIRE_DEVELOPMENT_KEY();
     // Exit status and standard output of one run of the tool.
     const auto cli = [this](const std::string &args) {
         const int status = shell(tqtest::built_program(TQ_CLI) + " " + args + " > '" + fx_.host("/out") + "'");

@@ -1,17 +1,27 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Small helpers for checking the integrity family against real tools and
-// published vectors.
+// Shared set-up of the integrity tests: the headers every one of them needs, and
+// helpers for checking against real tools, published vectors and hostile files.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
 #include <cstdio>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <functional>
+#include <memory>
 #include <random>
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "bounded_call.h"
+#include "fixture.h"
+#include "leak_check.h"
+#include "results.h"
+#include "tavro-quenda.h"
 
 namespace tqtest {
 
@@ -41,12 +51,13 @@ inline std::string from_hex(const std::string &hex)
     return out;
 }
 
-inline std::string random_bytes(size_t n, unsigned seed)
+// Random bytes; printable ones (no NUL) when text is set.
+inline std::string random_bytes(size_t n, unsigned seed, bool text = false)
 {
     std::mt19937 gen(seed);
     std::string out(n, '\0');
     for (char &c : out)
-        c = static_cast<char>(gen() & 0xff);
+        c = static_cast<char>(text ? '!' + gen() % 90 : gen() & 0xff);
     return out;
 }
 
@@ -66,6 +77,47 @@ inline std::vector<std::vector<std::string>> read_tsv(const std::string &path)
             fields.emplace_back();
     }
     return rows;
+}
+
+// A heap copy of exactly the bytes given (a string's NUL included), so that
+// AddressSanitizer sees any read beyond them.
+template <typename T = char> std::unique_ptr<T[]> exact_copy(const std::string &bytes, size_t size)
+{
+    std::unique_ptr<T[]> copy(new T[size]);
+    std::memcpy(copy.get(), bytes.data(), size);
+    return copy;
+}
+inline std::unique_ptr<char[]> exact_copy(const std::string &text) { return exact_copy(text, text.size() + 1); }
+
+// Every line of text with CR LF ends.
+inline std::string crlf(const std::string &text)
+{
+    std::string out;
+    for (char c : text)
+        out += c == '\n' ? std::string("\r\n") : std::string(1, c);
+    return out;
+}
+
+using PathCall = std::function<std::string(const std::string &)>;
+
+// Makes a FIFO, /dev/zero and a huge sparse file as dir/fifo, dir/zero and
+// dir/huge (once), and hands them to call: it must answer `refused` for the
+// first two without waiting, and `huge` for the last (unless that is null)
+// without taking it into memory.
+inline void expect_hostile_files(Fixture &fx, const std::string &dir, const std::string &what, const PathCall &call,
+                                 const std::string &refused, const char *huge)
+{
+    if (!std::filesystem::exists(std::filesystem::symlink_status(fx.host(dir + "/zero")))) {
+        ASSERT_TRUE(make_fifo_and_zero(fx.host(dir + "/fifo"), fx.host(dir + "/zero")) &&
+                    make_sparse(fx.host(dir + "/huge"), kHugeFile));
+    }
+    for (const std::string name : {"/fifo", "/zero", "/huge"}) {
+        if (name == "/huge" && !huge)
+            continue;
+        const BoundedCall got = bounded_call([&] { return call(dir + name); }, name == "/huge" ? 60 : 10);
+        EXPECT_EQ(name == "/huge" ? huge : refused, got.answer) << what << " " << name;
+        EXPECT_TRUE(within_memory_bound(got.grown_kib)) << what << " " << name;
+    }
 }
 
 } // namespace tqtest
