@@ -33,12 +33,12 @@ namespace {
 
 using CString = std::unique_ptr<char, tq::FreeDeleter>;
 
-// One interface as the fake kernel knows it; addresses in colon form.
+// One interface as the fake kernel knows it, addresses in colon form: a
+// permanent nullopt makes ETHTOOL_GPERMADDR fail, and SIOCGIFHWADDR succeeds
+// hwaddr_reads_left times, then fails with ENODEV.
 struct Nic {
     std::string current;
-    // nullopt: ETHTOOL_GPERMADDR fails.
     std::optional<std::string> permanent;
-    // SIOCGIFHWADDR succeeds this many times, then fails with ENODEV.
     int hwaddr_reads_left = 1000;
 };
 
@@ -306,11 +306,6 @@ TEST_F(NetworkMac, BondSlavesComeFromTheBondingFiles)
     f.copy("/proc/net/bonding/bond0", tqtest::corpus("bonding/bond0-active-backup-fail-over-mac-vagrant.txt"));
     f.mkdir("/proc/net/bonding/not-a-bond");
     EXPECT_EQ(tqtest::take(network_interface_get_max_mac()), "08:00:27:f1:97:66");
-    EXPECT_EQ(described(tq::list_network_interfaces(true)),
-              (std::vector<std::string>{"eth1 08:00:27:9d:9a:2a 08:00:27:9d:9a:2a",
-                                        "eth2 08:00:27:9d:9a:2a 00:00:00:00:00:00",
-                                        "eth1 08:00:27:9d:9a:2a 08:00:27:9d:9a:2a",
-                                        "eth2 08:00:27:f1:97:66 08:00:27:f1:97:66"}));
 
     // Other machines' files; names are cut at 127 bytes, and a slave without a
     // permanent address line contributes nothing.
