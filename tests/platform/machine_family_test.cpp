@@ -8,13 +8,13 @@
 #include <string>
 #include <vector>
 
-#include "fixture.h"
-#include "leak_check.h"
 #include "platform_support.h"
 #include "results.h"
 #include "tavro-quenda.h"
 
 namespace {
+
+using MachineFamily = tqtest::LeakCheckedTest;
 
 // A recorded cpuinfo with its first `from` replaced by `to`.
 std::string cpuinfo(const char *file, const std::string &from, const std::string &to)
@@ -26,29 +26,19 @@ std::string cpuinfo(const char *file, const std::string &from, const std::string
     return text.replace(at, from.size(), to);
 }
 
-// Each test must leave no descriptor or child behind.
-class MachineFamily : public ::testing::Test {
-protected:
-    void TearDown() override { EXPECT_TRUE(leaks.clean()); }
-    tqtest::LeakCheck leaks;
-};
-
-TEST_F(MachineFamily, NoRecordedProcessorIsAKirin9x0)
+TEST_F(MachineFamily, HardwareLineNamingKirin9x0IsRecognised)
 {
     tqtest::Fixture f;
     EXPECT_EQ(is_huawei_9x0(), 0) << "no /proc/cpuinfo";
     int files = 0;
-    // Kirin 920, 980, 810, 710, 9000S, HiSilicon hi62xx, Qualcomm, Exynos, x86...
+    // No recorded processor is one: Kirin 920, 980, 810, 710, 9000S, HiSilicon hi62xx, Qualcomm, Exynos, x86...
     for (const auto &entry : std::filesystem::directory_iterator(tqtest::corpus("cpuinfo"))) {
         f.copy("/proc/cpuinfo", entry.path());
         EXPECT_EQ(is_huawei_9x0(), 0) << entry.path();
         ++files;
     }
     EXPECT_GE(files, 20);
-}
 
-TEST_F(MachineFamily, HardwareLineNamingKirin9x0IsRecognised)
-{
     const char *p30 = "arm64-huawei-p30-vendor-kirin980.txt";
     const char *moto = "arm-motorola-moto-g-gen1-msm8226-two-hardware-lines.txt";
     const struct { std::string cpuinfo; int expected; const char *what; } cases[] = {
@@ -65,7 +55,6 @@ TEST_F(MachineFamily, HardwareLineNamingKirin9x0IsRecognised)
         {cpuinfo("x86-intel-core-i5-7360u-no-hardware-line.txt", "model name\t: ", "model name\t: Kirin990 "), 0,
          "no Hardware line"},
     };
-    tqtest::Fixture f;
     for (const auto &c : cases) {
         f.write("/proc/cpuinfo", c.cpuinfo);
         EXPECT_EQ(is_huawei_9x0(), c.expected) << c.what;
@@ -74,35 +63,29 @@ TEST_F(MachineFamily, HardwareLineNamingKirin9x0IsRecognised)
 
 TEST_F(MachineFamily, LenovoAndKaiTianByManufacturer)
 {
-    const std::vector<std::string> first = {"-s system-manufacturer"};
-    const std::vector<std::string> both = {"-s system-manufacturer", "-t 1"};
-    const struct {
-        const char *report;
-        int expected;
-        const std::vector<std::string> &calls;
-        tqtest::FakeDmidecodeOptions options = {};
-    } cases[] = {
-        {"lenovo-thinkpad-t480.txt", 1, first},
-        {"lenovo-kaitian-n70z-g1d.txt", 1, first},
-        {"kaitian-n80z-g1d.txt", 1, first},
-        {"kaitian-2obea002kx-loongson.txt", 1, first},
-        // A dmidecode without -s: the type 1 record decides.
-        {"lenovo-thinkcentre-m700z.txt", 1, both, {.without_s_option = true}},
-        // Mixed case does not count, by either command.
-        {"lenovo-mixed-case-ideacentre-k330.txt", 0, both},
-        {"huawei-taishan-200-2280.txt", 0, both},
-        {"asrock-775vm800-blank-manufacturer-dmidecode212.txt", 0, both},
-        {"asus-k8n-dl-old-format-dmidecode26.txt", 0, both},
-    };
+    const std::vector<std::string> first = {"-s system-manufacturer"}, both = {"-s system-manufacturer", "-t 1"};
+    const struct { const char *report; int expected; const std::vector<std::string> &calls; bool without_s = false; }
+        cases[] = {
+            {"lenovo-thinkpad-t480.txt", 1, first},
+            {"lenovo-kaitian-n70z-g1d.txt", 1, first},
+            {"kaitian-n80z-g1d.txt", 1, first},
+            {"kaitian-2obea002kx-loongson.txt", 1, first},
+            // A dmidecode without -s: the type 1 record decides.
+            {"lenovo-thinkcentre-m700z.txt", 1, both, true},
+            // Mixed case does not count, by either command.
+            {"lenovo-mixed-case-ideacentre-k330.txt", 0, both},
+            {"huawei-taishan-200-2280.txt", 0, both},
+            {"asrock-775vm800-blank-manufacturer-dmidecode212.txt", 0, both},
+            {"asus-k8n-dl-old-format-dmidecode26.txt", 0, both},
+        };
     for (const auto &c : cases) {
         tqtest::Fixture f;
-        tqtest::fake_dmidecode(f, tqtest::corpus(std::string("dmidecode/") + c.report), c.options);
+        tqtest::fake_dmidecode(f, c.report, c.without_s);
         EXPECT_EQ(is_lenovo_machine(), c.expected) << c.report;
         EXPECT_EQ(f.calls("/usr/sbin/dmidecode"), c.calls) << c.report;
     }
     tqtest::Fixture f;
     EXPECT_EQ(is_lenovo_machine(), 0) << "no dmidecode";
-
     EXPECT_TRUE(tq::is_lenovo_manufacturer("LENOVO "));
     for (const char *other : {" LENOVO", "KAITIAN", "LENOV"})
         EXPECT_FALSE(tq::is_lenovo_manufacturer(other)) << other;
@@ -114,12 +97,12 @@ TEST_F(MachineFamily, OemTextJoinsSerialAndBootDevice)
     EXPECT_EQ(tqtest::take_optional(tavro_quenda_get_hw_oeminfo()), std::nullopt) << "no dmidecode";
     EXPECT_EQ(f.trace_log(), "");
 
-    tqtest::fake_dmidecode(f, tqtest::corpus("dmidecode/prestigio-multipad-placeholder-uuid-12345678-forum-spaces.txt"));
-    // No /proc/bootdevice: an empty text, traced and returned.
-    EXPECT_EQ(tqtest::take_optional(tavro_quenda_get_hw_oeminfo()), "");
+    tqtest::fake_dmidecode(f, "prestigio-multipad-placeholder-uuid-12345678-forum-spaces.txt");
+    // All three parts or an empty text, which is traced and returned.
+    EXPECT_EQ(tqtest::take_optional(tavro_quenda_get_hw_oeminfo()), "") << "no /proc/bootdevice";
     EXPECT_TRUE(tqtest::contains(f.trace_log(), ": \n")) << f.trace_log();
     f.write("/proc/bootdevice/product_name", "KLUDG4UHDB-B2D1\n");
-    EXPECT_EQ(tqtest::take_optional(hw_oem_info()), "") << "no cid: no partial text";
+    EXPECT_EQ(tqtest::take_optional(hw_oem_info()), "") << "no cid";
     f.write("/proc/bootdevice/cid", "");
     EXPECT_EQ(tqtest::take_optional(hw_oem_info()), "") << "empty cid";
     f.write("/proc/bootdevice/cid", "ce0130304b4c5544473455484442b2d1\r\n");
