@@ -4,8 +4,7 @@
 #   scripts/abi-dump.sh          rewrite tests/abi/libtavro-quenda.so.1.<arch>.abi
 #   scripts/abi-dump.sh --check  compare the current tree with it (abidiff)
 # A deliberate ABI change reruns this script without --check and commits the
-# new baseline with the change (and updates tests/abi/prototypes.c and
-# debian/libtavro-quenda1.symbols).
+# new baseline with the change (and updates debian/libtavro-quenda1.symbols).
 #
 # The dump comes from a build of its own (ABI_BUILD_DIR, default build-abi):
 # unoptimised with full debug information, and with source paths made relative
