@@ -48,7 +48,6 @@ TEST_F(FirmwareFacts, DmidecodeFallbackOnRealReports)
          "None"},
         {"acer-aspire-z5610-trailing-blanks.txt", "--", "Acer", ""}, // a blank Version is an empty answer
         {"asus-k8n-dl-old-format-dmidecode26.txt", "System Serial Number", std::nullopt, "System"}, // no Family
-        {"hp-g72-uuid-not-settable-trailing-blanks.txt", "5CB10601BB", "103C_5335KV", "04A7100000200000000020000"},
     };
     for (const auto &c : cases) {
         tqtest::Fixture f;

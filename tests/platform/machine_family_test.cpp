@@ -32,7 +32,6 @@ TEST_F(MachineFamily, HardwareLineNamingKirin9x0IsRecognised)
         {cpuinfo(p30, "Hardware\t: vendor Kirin980", "HARD WARE\t: Kirin990"), 1},
         {cpuinfo(moto, "MSM Hardware\t: MSM8926", "Hardware\t: Kirin990"), 1},
         {cpuinfo(moto, "MSM8926", "Kirin990"), 0}, // the key must begin with hardware
-        {cpuinfo("x86-intel-core-i5-7360u-no-hardware-line.txt", "model name\t: ", "model name\t: Kirin990 "), 0},
     };
     for (const auto &c : cases) {
         f.write("/proc/cpuinfo", c.cpuinfo);
@@ -49,7 +48,6 @@ TEST_F(MachineFamily, LenovoAndKaiTianByManufacturer)
             {"kaitian-n80z-g1d.txt", 1, first},
             {"lenovo-thinkcentre-m700z.txt", 1, both, true}, // without -s, the type 1 record decides
             {"lenovo-mixed-case-ideacentre-k330.txt", 0, both},
-            {"asrock-775vm800-blank-manufacturer-dmidecode212.txt", 0, both},
         };
     for (const auto &c : cases) {
         tqtest::Fixture f;

@@ -15,8 +15,8 @@ std::string dmidecode_type1(const std::string &report)
     }
     // The old layout names the type on the line after "Handle"; a record ends at its first blank line.
     for (; i < lines.size(); ++i) {
-        bool type1 = contains(lines[i], "DMI type 1,") || (i + 1 < lines.size() && !lines[i + 1].starts_with("Handle ") &&
-                                                           contains(lines[i + 1], "DMI type 1,"));
+        const std::string next = i + 1 < lines.size() ? lines[i + 1] : "";
+        bool type1 = contains(lines[i], "DMI type 1,") || (!next.starts_with("Handle ") && contains(next, "DMI type 1,"));
         for (size_t j = i; lines[i].starts_with("Handle ") && type1 && j < lines.size(); ++j) {
             out += lines[j] + "\n";
             if (lines[j].empty() || (j + 1 < lines.size() && lines[j + 1].starts_with("Handle ")))
