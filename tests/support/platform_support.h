@@ -6,19 +6,21 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "fixture.h"
 #include "leak_check.h"
+#include "results.h"
+#include "tavro-quenda.h"
 
 namespace tqtest {
 
 // What "dmidecode -t 1" prints for a recorded report (old and new dmidecode
 // layouts, tab or blank indents): the header lines and the type 1 record.
 std::string dmidecode_type1(const std::string &report);
-// The first "FIELD: value" of that text, as "dmidecode -s" prints it.
-std::optional<std::string> dmidecode_field(const std::string &type1, const std::string &field);
 
 // Installs /usr/sbin/dmidecode replaying corpus("dmidecode/" + report) for
 // "-t 1", "-s system-manufacturer" and "-s system-uuid"; without_s pretends
