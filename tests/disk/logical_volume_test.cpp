@@ -116,6 +116,7 @@ TEST(DmsetupDeps, ParsesTheDependencyName)
         {tqtest::read_file(tqtest::corpus("dmsetup/deps-single-device-argument-no-name-prefix.txt")), "8,16"},
         {tqtest::read_file(tqtest::corpus("dmsetup/deps-o-blkdevname-crypt-devices-source-comment.txt")), "sdb3_crypt"},
         {std::string(1023, 'x') + ": (sda)", ""}, // only the first 1023 bytes count
+        {std::string(1001, ' ') + "1 dependencies : (sda3)\n", "sda3"}, // the 1023rd does
     };
     for (const auto &[text, want] : cases) {
         tq::DmDeps deps = tq::parse_dmsetup_deps(text);

@@ -3,6 +3,7 @@
 // level that declares it without deprecation.
 #define OPENSSL_API_COMPAT 0x10100000L
 
+#include <openssl/err.h>
 #include <openssl/rsa.h>
 
 #include "integrity/digest_rsa.h"
@@ -146,6 +147,7 @@ TEST_F(RsaCheck, AcceptsWhatOpensslSignedAndNothingElse)
             EXPECT_EQ(err, "");
         }
     }
+    EXPECT_EQ(ERR_peek_error(), 0u); // refusals leave nothing on the caller's OpenSSL error queue
     EXPECT_TRUE(leaks.clean());
 }
 
