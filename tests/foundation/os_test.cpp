@@ -44,9 +44,7 @@ TEST(Gateway, AbsolutePathsResolveInsideTheRootAndComeBackAsOnTheRealSystem)
     struct stat st;
     EXPECT_TRUE(tq::os::stat("/dev/disk/by-uuid/1234-ABCD", &st) == 0 && S_ISBLK(st.st_mode)); // through the link
     EXPECT_TRUE(tq::os::lstat("/dev/disk/by-uuid/1234-ABCD", &st) == 0 && S_ISLNK(st.st_mode));
-    EXPECT_TRUE(tq::os::stat("/proc/mounts", &st) == 0 && S_ISREG(st.st_mode));
     EXPECT_EQ(tq::os::host_path("/dev/sda2"), fx.host("/dev/sda2"));
-    EXPECT_EQ(tq::os::host_path("relative"), "relative");
 
     // Made inside the root, named as on the real system.
     char tmpl[] = "/tmp/gpgdir-XXXXXX";
@@ -223,8 +221,6 @@ TEST(Gateway, CallerNamedFilesMustBeRegularAndFitTheirBound)
     EXPECT_EQ(start, "first\n");
     ASSERT_TRUE(tq::os::read_input_prefix(small.c_str(), 3, &start, "\n"));
     EXPECT_EQ(start, "fir");
-    ASSERT_TRUE(tq::os::read_input_prefix(small.c_str(), 1000, &start));
-    EXPECT_EQ(start, "first\nsecond\n");
     EXPECT_TRUE(leaks.clean());
 }
 

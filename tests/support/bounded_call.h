@@ -5,8 +5,6 @@
 #pragma once
 
 #include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -35,8 +33,8 @@ inline long peak_kib()
     return usage.ru_maxrss;
 }
 
-// The child runs in its own process group, so that a hung call is ended with
-// everything it started.
+// The child dies of SIGALRM when the call outlives the time limit; its output
+// then never ends in the peak-memory line.
 inline BoundedCall bounded_call(const std::function<std::string()> &call, int timeout_seconds = 10)
 {
     int fds[2];
@@ -45,8 +43,8 @@ inline BoundedCall bounded_call(const std::function<std::string()> &call, int ti
     std::fflush(nullptr);
     const pid_t pid = ::fork();
     if (pid == 0) {
-        ::setpgid(0, 0);
         ::close(fds[0]);
+        ::alarm(static_cast<unsigned>(timeout_seconds));
         const long before = peak_kib();
         std::string answer = call();
         answer += "\n" + std::to_string(peak_kib() - before);
@@ -54,27 +52,20 @@ inline BoundedCall bounded_call(const std::function<std::string()> &call, int ti
         ::_exit(0);
     }
     ::close(fds[1]);
+    tq::UniqueFD out_fd(fds[0]);
     std::string out;
-    bool ended = false;
-    struct pollfd p = {fds[0], POLLIN, 0};
     char buf[4096];
-    while (pid > 0) {
-        const int ready = ::poll(&p, 1, timeout_seconds * 1000);
-        if (ready < 0 && errno == EINTR)
-            continue;
-        const ssize_t n = ready > 0 ? ::read(fds[0], buf, sizeof buf) : -1;
-        ended = n == 0;
-        if (n <= 0)
+    for (ssize_t n; (n = ::read(out_fd.get(), buf, sizeof buf)) != 0;) {
+        if (n > 0)
+            out.append(buf, static_cast<size_t>(n));
+        else if (errno != EINTR)
             break;
-        out.append(buf, static_cast<size_t>(n));
     }
-    if (pid > 0 && !ended)
-        ::kill(-pid, SIGKILL), ::kill(pid, SIGKILL);
-    while (pid > 0 && ::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+    int status = 0;
+    while (pid > 0 && ::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
-    ::close(fds[0]);
     const size_t nl = out.rfind('\n');
-    if (!ended || nl == std::string::npos)
+    if (pid < 0 || !WIFEXITED(status) || nl == std::string::npos)
         return {"<hung>"};
     return {out.substr(0, nl), std::stol(out.substr(nl + 1))};
 }
