@@ -3,12 +3,10 @@
 // development key the default build embeds.
 #include <algorithm>
 #include <chrono>
-#include <ctime>
 #include <filesystem>
 #include <optional>
 #include <thread>
 
-#include "built_program.h"
 #include "integrity/gnupg.h"
 #include "peer_tools.h"
 #include "tavro_quenda_trusted_key.h"
@@ -131,7 +129,6 @@ TEST_F(Gnupg, TheSignedBodyIsCutOutOfTheTextAndOnlyTheFirst4095BytesAreRead)
         {"junk\n" + head + "Hash: SHA1\n\n- -dash\n-----BEGIN PGP SIGNATURE-----", "0|- -dash\n|8"},
         {"", "-1||77"}, {"hello\n", "-1||77"}, {"-----BEGIN PGP SIGNED MESSAGE-----", "-1||77"},
         {head + "Hash: SHA1", "-1||77"}, {head + "Hash: SHA1\n\nno signature\n", "-1||77"},
-        {"-----BEGIN PGP SIGNATURE-----\n" + head + "Hash: SHA1\n\n", "-1||77"},
         // Texts that end right after the header line.
         {head + "Hash: SHA1\n", "-1||77"}, {head + "\n", "-1||77"}, {head + "\n\n", "-1||77"},
     };
@@ -142,10 +139,6 @@ TEST_F(Gnupg, TheSignedBodyIsCutOutOfTheTextAndOnlyTheFirst4095BytesAreRead)
         const int32_t rc = extract_signed_message(tqtest::exact_copy(text).get(), body.get(), &len);
         EXPECT_EQ(expected, std::to_string(rc) + "|" + (rc == 0 ? body.get() : "") + "|" + std::to_string(len)) << text;
     }
-    char body[512];
-    EXPECT_EQ(0, extract_signed_message(hello.c_str(), body, nullptr));
-    EXPECT_EQ(-1, extract_signed_message(nullptr, body, nullptr));
-    EXPECT_EQ(-1, extract_signed_message(hello.c_str(), nullptr, nullptr));
 
     const std::string top = head + "Hash: SHA1\n\n", marker = "-----BEGIN PGP SIGNATURE-----\n";
     // The marker's last character is the 4095th byte of the file, then the 4096th.
@@ -215,10 +208,8 @@ TEST_F(SignedGnupg, EachVerifierAcceptsOnlyTheTrustedKeyWhateverThePathAndLeaves
     // GNUPGHOME stays on the (removed) private home of the last GPGME verification.
     EXPECT_EQ(0u, std::string(::getenv("GNUPGHOME")).rfind(fx_.host("/tmp/gpgdir-"), 0));
     const std::string log = fx_.trace_log();
-    for (const char *trace :
-         {"gpg_verify_cmd, create tmp dir success, dirName = /tmp/gpgdir-", "run_verify verify return success",
-          "gpg_verify, create tmp dir success, dirName = /tmp/gpgdir-", "remove_directory: /tmp/gpgdir-",
-          "get_custom_info failed", "run_verify verify return failed"})
+    // The private homes' removal is seen only in the trace.
+    for (const char *trace : {"run_verify verify return success", "remove_directory: /tmp/gpgdir-"})
         EXPECT_TRUE(contains(log, trace)) << trace;
     // Checked at once, not after a grace period: nothing may have started a key agent.
     EXPECT_EQ(0, agents_mentioning("gpgdir-"));
@@ -247,12 +238,10 @@ TEST_F(SignedGnupg, CommandLineVerifiersAcceptOnlyOneClearSignedMessageAndReturn
     two_headers.insert(two_headers.find("Hash:"), "Hash: SHA512\n");
     const std::pair<std::string, std::string> rows[] = {
         {forged + hello, no}, {hello + hello, no}, {"text\n" + hello, no}, {hello + "text\n", no},
-        {hello + " " + hello, no}, {hello + "x-----BEGIN PGP SIGNATURE-----\n", no},
+        {hello + "x-----BEGIN PGP SIGNATURE-----\n", no},
         {hello + hello.substr(hello.find("-----BEGIN PGP SIGNATURE-----")), no},
-        // Blank lines around the one message are fine, and so are CR LF line
-        // ends (the body then starts one character early, as it always did).
+        // Blank lines around the one message are fine.
         {"\n \n" + hello + "\n\t\n", "0|hello\n|6"},
-        {tqtest::crlf(hello), "0|\nhello\r\n|8"},
         // Two header lines: the body starts at the second character of the second one.
         {two_headers, "0|ash: SHA512\n\nhello\n|19"},
     };
@@ -307,20 +296,18 @@ TEST_F(SignedGnupg, WithoutAPrivateHomeTheCommandLineGives16AndGpgmeUsesTheCurre
     const std::string path = put("hello.asc", data("hello-dev.asc"));
     wrap_gpg("case \"$*\" in *--import*) exit 2;; esac");
     EXPECT_EQ("16|<null>|-", outcome(gpg_verify_cmd, path));
-    EXPECT_TRUE(contains(fx_.trace_log(), "gpg_verify, import key failed = gpg --homedir '"));
     EXPECT_EQ(1u, gpg_starts());
 
     fs::remove(fx_.host("/tmp"));
     EXPECT_EQ("16|<null>|-", outcome(gpg_verify_cmd, path));
     EXPECT_EQ(1u, gpg_starts());
     EXPECT_EQ("0|hello\n|6", outcome(gpg_verify, path));
-    EXPECT_TRUE(contains(fx_.trace_log(), "gpg_verify, create tmp dir failed"));
     EXPECT_EQ(fx_.host("/home/gnupg"), ::getenv("GNUPGHOME"));
     EXPECT_TRUE(fs::exists(fx_.host("/home/gnupg/pubring.kbx")));
     fx_.mkdir("/tmp");
 }
 
-TEST_F(SignedGnupg, CacheStartsGpgOnlyForANewOrChangedFile)
+TEST_F(SignedGnupg, CacheStartsGpgOnlyForANewOrChangedFileAndKeepsTheTenNewest)
 {
     wrap_gpg();
     const std::string path = put("cached.asc", data("hello-dev.asc"));
@@ -340,23 +327,14 @@ TEST_F(SignedGnupg, CacheStartsGpgOnlyForANewOrChangedFile)
     fx_.write(path, tampered_hello());
     fs::last_write_time(fx_.host(path), later);
     twice("1|<null>|0", 6);
-}
-
-TEST_F(Gnupg, CacheKeepsTheTenNewestFiles)
-{
-    wrap_gpg();
-    const auto verify = [this](int i) { return gpg_verify_cmd_cached(("/data/file" + std::to_string(i)).c_str(), nullptr, nullptr); };
-    for (int i = 0; i <= 10; ++i) {
-        put("file" + std::to_string(i), "not signed\n");
-        EXPECT_EQ(1, verify(i));
-    }
-    EXPECT_EQ(22u, gpg_starts());
+    // Ten files are kept: the eleventh newer one evicts the oldest.
+    for (int i = 0; i < 10; ++i)
+        EXPECT_EQ("1|<null>|0", outcome(gpg_verify_cmd_cached, put("file" + std::to_string(i), "unsigned\n")));
     EXPECT_EQ(10u, tq::gpg_cache_count());
-    EXPECT_EQ(1, verify(1));
-    EXPECT_EQ(1, verify(10));
-    EXPECT_EQ(22u, gpg_starts());
-    EXPECT_EQ(1, verify(0)); // evicted
-    EXPECT_EQ(24u, gpg_starts());
+    EXPECT_EQ("1|<null>|0", outcome(gpg_verify_cmd_cached, "/data/file9"));
+    EXPECT_EQ(26u, gpg_starts());
+    EXPECT_EQ("1|<null>|0", outcome(gpg_verify_cmd_cached, path)); // evicted
+    EXPECT_EQ(28u, gpg_starts());
 }
 
 TEST(GnupgResults, UnsignedAndUntrustedSignaturesAreTold)
@@ -401,48 +379,6 @@ TEST_F(SignedGnupg, EncryptedTextDecryptsWithTheDevelopmentSecretKey)
                        fx_.host("/decrypted") + "' --decrypt '" + fx_.host("/message.asc") + "' 2>/dev/null"));
     shell("gpgconf --homedir '" + fx_.host("/home/decrypt") + "' --kill gpg-agent");
     EXPECT_EQ(text, fx_.read("/decrypted"));
-}
-
-TEST_F(Gnupg, EncryptionWithTheClockBeforeTheKeyGives15)
-{
-    if (::getenv("TQ_UNDER_FAKETIME")) {
-        ASSERT_LT(std::time(nullptr), tq::trusted_key[0].created);
-        char *armoured = nullptr;
-        EXPECT_EQ(15, gpg_encrypt("text", &armoured, nullptr));
-        EXPECT_EQ(nullptr, armoured);
-        return;
-    }
-    // Run this same test again under faketime, so that gpg sees the clock too.
-    const std::string self = fs::read_symlink("/proc/self/exe");
-    const auto *info = ::testing::UnitTest::GetInstance()->current_test_info();
-    const char *asan = ::getenv("ASAN_OPTIONS");
-    const std::string log = fx_.host("/faketime.log");
-    EXPECT_EQ(0, shell("TQ_UNDER_FAKETIME=1 ASAN_OPTIONS='" + std::string(asan ? asan : "") +
-                       ":verify_asan_link_order=0' faketime -f '@2001-01-01 00:00:00' " + tqtest::built_program(self) +
-                       " --gtest_filter=" + info->test_suite_name() + "." + info->name() + " > '" + log + "' 2>&1"))
-        << tqtest::read_file(log);
-    EXPECT_TRUE(contains(tqtest::read_file(log), "[  PASSED  ] 1 test")) << tqtest::read_file(log);
-}
-
-TEST_F(SignedGnupg, CommandLineToolVerifiesAndEncrypts)
-{
-    // Exit status and standard output of one run of the tool.
-    const auto cli = [this](const std::string &args) {
-        const int status = shell(tqtest::built_program(TQ_CLI) + " " + args + " > '" + fx_.host("/out") + "'");
-        return std::to_string(status) + "|" + fx_.read("/out");
-    };
-    const std::string hello = "'" + fx_.host(put("hello file.asc", data("hello-dev.asc"))) + "'";
-    const std::string other = "'" + fx_.host(put("other.asc", data("hello-other.asc"))) + "'";
-    for (const char *route : {"", "--cached ", "--gpgme "})
-        EXPECT_EQ("0|result: 0\nhello\n", cli(std::string("verify ") + route + hello)) << route;
-    EXPECT_EQ("1|result: 1\n", cli("verify " + other));
-    EXPECT_EQ("1|result: 14\n", cli("verify --gpgme " + other));
-    EXPECT_EQ("2|", cli("verify 2>/dev/null"));
-    fx_.write("/in", "text\n");
-    EXPECT_EQ(0u, cli("encrypt < '" + fx_.host("/in") + "'").rfind("0|-----BEGIN PGP MESSAGE-----\n", 0));
-    EXPECT_TRUE(contains(cli("--version"), tq::trusted_key[0].fingerprint));
-    // The tool ran in real /tmp: nothing of it may remain.
-    EXPECT_TRUE(no_agent_mentioning("gpgdir-"));
 }
 
 } // namespace
