@@ -61,7 +61,6 @@ TEST(Base64, AgreesWithRfc4648VectorsAndTheBase64Tool)
         fx.write("/ours", ours);
         EXPECT_EQ(ours, tqtest::run("base64 -w0 " + fx.host("/in"))) << size;
         EXPECT_EQ(tqtest::run("base64 -d " + fx.host("/ours")), bytes) << size;
-        EXPECT_EQ(decode(ours), bytes) << size;
         // The tool's default output is wrapped at 76 columns: the lenient decoder takes it.
         EXPECT_EQ(decode_clean(tqtest::run("base64 " + fx.host("/in")).c_str()), bytes) << size;
     }
