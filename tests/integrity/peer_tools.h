@@ -89,15 +89,6 @@ template <typename T = char> std::unique_ptr<T[]> exact_copy(const std::string &
 }
 inline std::unique_ptr<char[]> exact_copy(const std::string &text) { return exact_copy(text, text.size() + 1); }
 
-// Every line of text with CR LF ends.
-inline std::string crlf(const std::string &text)
-{
-    std::string out;
-    for (char c : text)
-        out += c == '\n' ? std::string("\r\n") : std::string(1, c);
-    return out;
-}
-
 using PathCall = std::function<std::string(const std::string &)>;
 
 // Makes a FIFO, /dev/zero and a huge sparse file as dir/fifo, dir/zero and
