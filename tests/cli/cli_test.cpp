@@ -48,27 +48,16 @@ const std::string kCli = tqtest::built_program(TQ_CLI);
 
 Outcome run_cli(const std::string &args) { return run_shell(kCli + " " + args); }
 
-// n bytes stepping through range values from first: every byte value, or only letters.
-std::string pattern(size_t n, int first = 0, int range = 256)
-{
-    std::string s(n, '\0');
-    for (size_t i = 0; i < n; ++i)
-        s[i] = static_cast<char>(first + (i * 167 + i / 256) % range);
-    return s;
-}
-
 TEST(Cli, EveryOutcomeHasItsExitStatusAndSaysWhy)
 {
     tqtest::Fixture d; // a scratch directory, the rows' working directory; the tool runs on the real system
     for (const char *name : {"/hello-dev.asc", "/hello-other.asc", "/big-dev.asc"})
         d.copy(name, TQ_GNUPG_DATA + std::string(name));
     for (auto [name, text] : {std::pair{"/plain.txt", "just text\n"}, {"/empty", ""}, {"/app.conf", "[G]\nK=v\n"},
-                              {"/main.conf", "# kept\n[Main]\nMode=slow\n"}, {"/short.b64", "YWJ\n"},
-                              {"/lower.url", "YQ%3d%3d\n"}})
+                              {"/short.b64", "YWJ\n"}})
         d.write(name, text);
     d.write("/long.txt", std::string(1024, 'a'));
-    d.write("/tampered.asc", std::regex_replace(d.read("/hello-dev.asc"), std::regex("\nhello\n"), "\nhullo\n"));
-    // Rows run in order; some go on with coreutils to show what the tool left behind.
+    // One row per way each command ends; what the library answers is checked by its own tests.
     struct Row {
         const char *args;
         int status;
@@ -78,19 +67,15 @@ TEST(Cli, EveryOutcomeHasItsExitStatusAndSaysWhy)
         {"", 2, "no command given"},
         {"--frob", 2, "unrecognized option '--frob'"},
         {"frob", 2, "unknown command 'frob'"},
-        {"keyfile -h", 0, "", nullptr},
         {"identity -o mac,frob", 2, "identity: unknown field 'frob'"},
         {"identity -J -n", 2, "identity: --json and --noheadings cannot be used together"},
         {"identity --json=wide", 2, "identity: --json takes pretty or short, not 'wide'"},
         {"identity >/dev/full", 3, "write error: No space left on device"},
         {"verify hello-dev.asc", 0, "", "result: 0\nhello\n"},
-        {"verify --gpgme -Jshort - <hello-dev.asc", 0, "", R"({"file":"-","result":0,"good":true,"text":"hello\n"})" "\n"},
         {"verify --cached -J hello-other.asc", 1, "verify: hello-other.asc: not signed by the trusted key",
          "{\n  \"file\": \"hello-other.asc\",\n  \"result\": 1,\n  \"good\": false,\n  \"text\": null\n}\n"},
         {"verify --gpgme --cached x", 2, "verify: --gpgme and --cached cannot be used together"},
         {"verify /x", 3, "verify: /x: No such file or directory"},
-        {"verify plain.txt", 1, "verify: plain.txt: not signed"},
-        {"verify tampered.asc", 1, "verify: tampered.asc: bad signature"},
         {"verify big-dev.asc", 0, "verify: big-dev.asc: signed text is longer than 4096 bytes and is not shown"},
         {"encrypt <.", 3, "encrypt: standard input: Is a directory"},
         {"digest --md5 --sha1 x", 2, "digest: --md5 and --sha1 cannot be used together"},
@@ -99,17 +84,10 @@ TEST(Cli, EveryOutcomeHasItsExitStatusAndSaysWhy)
         {"rsa-check plain.txt 'AB C'", 4, "rsa-check: the signature is not Base64"},
         {"record write rec <long.txt", 4,
          "record: rec: the text is 1024 characters; a record holds at most 1023; nothing written"},
-        {"record read empty", 4, "record: empty: empty, not a record"},
-        {"keyfile get long.txt G K", 4, "keyfile: long.txt: not a key file"},
         {"keyfile get app.conf G X", 1, "keyfile: app.conf: no key 'X' in group [G]"},
         {"keyfile set /x/y/z G K v", 3, "keyfile: /x/y/z: not written"},
-        {"keyfile set main.conf Main Mode fast && cat main.conf", 0, "", "# kept\n\n[Main]\nMode=fast\n"},
-        // Setting the same value again leaves the file alone: its back-dated time stays.
-        {"keyfile get - Main Mode <main.conf && touch -d @0 main.conf", 0, "", "fast\n"},
-        {"keyfile set main.conf Main Mode fast && stat -c %Y main.conf", 0, "", "0\n"},
         {"keyfile set new.conf A B c && cat new.conf", 0, "", "[A]\nB=c\n"},
         {"base64 -d <short.b64", 4, "base64: standard input: not Base64 (result 59: its length is not a multiple of 4)"},
-        {"base64 -d --url lower.url", 4, "base64: lower.url: not the URL form of Base64 (result 66"},
         // Only checked where no public key is installed.
         {"rsa-check plain.txt AAAA", 3, "rsa-check: /etc/tavro-quenda/public.pem: No such file or directory"},
     };
@@ -131,17 +109,17 @@ TEST(Cli, HelpOfEveryCommandExitsZeroAndAgreesWithTheManualPage)
     // The manual page's text without roff's font changes and hyphen escapes.
     const std::string page = std::regex_replace(tqtest::read_file(TQ_MAN_PAGE), std::regex(R"(\\f[BIR]|\\(?=-))"), "");
     for (std::string command : {"", "identity", "verify", "encrypt", "digest", "rsa-check", "record", "keyfile", "base64"}) {
-        SCOPED_TRACE(command);
-        Outcome r = run_cli(command + " --help");
-        EXPECT_EQ(r.status, 0) << r.err;
-        EXPECT_EQ(r.out.rfind("Usage: tavro-quenda " + command, 0), 0u) << r.out;
-        EXPECT_EQ(r.err, "");
-        // Every long option the help names, the manual page names too.
-        for (std::smatch m; std::regex_search(r.out, m, std::regex("--[a-z0-9][a-z0-9-]*")); r.out = m.suffix())
-            EXPECT_TRUE(tqtest::contains(page, m.str())) << m.str() << " is not in the manual page";
+        for (const char *flag : {" --help", " -h"}) {
+            SCOPED_TRACE(command + flag);
+            Outcome r = run_cli(command + flag);
+            EXPECT_EQ(r.status, 0) << r.err;
+            EXPECT_EQ(r.out.rfind("Usage: tavro-quenda " + command, 0), 0u) << r.out;
+            EXPECT_EQ(r.err, "");
+            // Every long option the help names, the manual page names too.
+            for (std::smatch m; std::regex_search(r.out, m, std::regex("--[a-z0-9][a-z0-9-]*")); r.out = m.suffix())
+                EXPECT_TRUE(tqtest::contains(page, m.str())) << m.str() << " is not in the manual page";
+        }
     }
-    for (const char *word : {"Usage error", "/etc/tavro-quenda/public.pem", "/var/log/tavro-quenda/libtavro-quenda.log"})
-        EXPECT_TRUE(tqtest::contains(page, word)) << word;
     const std::string identity_help = run_cli("identity --help").out;
     for (const std::string &line : tqtest::lines_of(run_cli("identity").out)) {
         const std::string field = line.substr(0, line.find(':'));
@@ -155,7 +133,6 @@ TEST(Cli, IdentityTextJsonAndSingleFieldsAgree)
 {
     Outcome text = run_cli("identity"), json = run_cli("identity --json");
     ASSERT_EQ(text.status, 0) << text.err;
-    EXPECT_FALSE(tqtest::contains(json.out, "\t")) << "pretty JSON is indented with spaces";
     // jq reads the JSON: short JSON is its compact form, and the text and the bare values say the same.
     const std::string jq = "printf %s " + tq::os::shell_quote(json.out) + " | jq ";
     EXPECT_EQ(run_cli("identity --json=short"), run_shell(jq + "-c ."));
@@ -175,55 +152,41 @@ TEST(Cli, IdentityTextJsonAndSingleFieldsAgree)
     }
 }
 
-TEST(Cli, DigestAndBase64AgreeWithCoreutilsAndOpenssl)
+// The tool's output read by the real tools; sizes and block edges are the library tests' business.
+TEST(Cli, OutputAgreesWithCoreutilsOpensslAndGpg)
 {
-    tqtest::Fixture d;
-    const std::string f = d.host("/data");
-    for (size_t size : {0u, 1u, 3u, 57u, 1025u, 100000u}) {
-        SCOPED_TRACE(size);
-        d.write("/data", pattern(size));
-        for (std::string digest : {"sha256", "sha1", "md5"}) {
-            SCOPED_TRACE(digest);
-            EXPECT_EQ(run_cli("digest --" + digest + " " + f), run_shell(digest + "sum " + f));
-            // The value coreutils gives is the one it accepts.
-            EXPECT_EQ(run_cli("digest --" + digest + " - $(" + digest + "sum " + f + " | cut -d' ' -f1) <" + f),
-                      ok("result: 1\n-: OK\n"));
-        }
-        EXPECT_EQ(run_cli("digest " + f), run_shell("openssl dgst -sha256 -r " + f + " | sed 's/ \\*/  /'"));
-        if (size == 0)
-            continue;
-        EXPECT_EQ(run_cli("base64 " + f), run_shell("base64 -w0 " + f + "; echo"));
-        // Wrapped coreutils output decodes back to the bytes.
-        EXPECT_EQ(run_shell("base64 " + f + " | " + kCli + " base64 -d"), ok(pattern(size)));
-        EXPECT_EQ(run_shell(kCli + " base64 --url " + f + " | " + kCli + " base64 -d --url"), ok(pattern(size)));
-    }
-}
-
-TEST(Cli, EncryptedTextDecryptsWithRealGpg)
-{
-    tqtest::Fixture home;
+    tqtest::Fixture d, home;
+    const std::string f = d.host("/data"), text = d.host("/text"), rec = d.host("/rec");
     const std::string gpg = "gpg --batch --quiet --homedir " + home.root();
     ASSERT_EQ(run_shell(gpg + " --import " TQ_KEYS_DIR "/dev-secret.gpg").status, 0);
-    Outcome decrypted = run_shell("printf 'a secret\\n' | " + kCli + " encrypt | " + gpg + " --decrypt");
-    run_shell("gpgconf --homedir " + home.root() + " --kill gpg-agent");
-    EXPECT_EQ(decrypted.status, 0) << decrypted.err;
-    EXPECT_EQ(decrypted.out, "a secret\n");
-}
-
-TEST(Cli, RecordsRoundTripAndOpensslReadsThem)
-{
-    tqtest::Fixture d;
-    const std::string rec = d.host("/rec");
-    for (size_t n : {0u, 15u, 16u, 1023u}) {
-        SCOPED_TRACE(n);
-        d.write("/in", pattern(n, 'a', 26));
-        ASSERT_EQ(run_cli("record write " + rec + " <" + d.host("/in")), ok());
+    // Every byte value for the digests and Base64; a record holds text.
+    std::string bytes(100000, '\0'), words;
+    for (size_t i = 0; i < bytes.size(); ++i)
+        bytes[i] = static_cast<char>(i * 167 + i / 256);
+    while (words.size() < 1000)
+        words += "line " + std::to_string(words.size()) + "\n";
+    d.write("/data", bytes);
+    d.write("/text", words);
+    const std::pair<std::string, std::string> rows[] = {
+        {kCli + " digest --sha256 " + f, "sha256sum " + f},
+        {kCli + " digest --sha1 " + f, "sha1sum " + f},
+        {kCli + " digest --md5 " + f, "md5sum " + f},
+        // The value coreutils gives is the one the tool accepts.
+        {kCli + " digest --md5 - $(md5sum " + f + " | cut -d' ' -f1) <" + f, "printf 'result: 1\\n-: OK\\n'"},
+        {kCli + " base64 " + f, "base64 -w0 " + f + "; echo"},
+        {kCli + " base64 --url <" + f, "base64 -w0 " + f + " | sed 's,+,%2B,g; s,/,%2F,g; s,=,%3D,g'; echo"},
+        {"base64 " + f + " | " + kCli + " base64 -d", "cat " + f},
         // Owner-only, whole blocks with room for the closing zero, and openssl reads the text back.
-        EXPECT_EQ(run_shell("stat -c '%s %a' " + rec + " && openssl enc -d -aes-128-cbc -nopad -in " + rec +
-                            " -K 7175696c6c6f6e5f706176656d656e74 -iv 5a1c0e77d29b4f3806e1a9c47b2d8f13 | tr -d '\\0'"),
-                  ok(std::to_string(16 * (n / 16 + 1)) + " 600\n" + pattern(n, 'a', 26)));
-        EXPECT_EQ(run_cli("record read - <" + rec), ok(pattern(n, 'a', 26)));
-    }
+        {kCli + " record write " + rec + " <" + text + " && stat -c '%s %a' " + rec +
+             " && openssl enc -d -aes-128-cbc -nopad -in " + rec +
+             " -K 7175696c6c6f6e5f706176656d656e74 -iv 5a1c0e77d29b4f3806e1a9c47b2d8f13 | tr -d '\\0'",
+         "echo '" + std::to_string(words.size() / 16 * 16 + 16) + " 600'; cat " + text},
+        {kCli + " record read - <" + rec, "cat " + text},
+        {"printf 'a secret\\n' | " + kCli + " encrypt | " + gpg + " --decrypt", "printf 'a secret\\n'"},
+    };
+    for (const auto &[tool, reference] : rows)
+        EXPECT_EQ(run_shell(tool), run_shell(reference)) << tool;
+    run_shell("gpgconf --homedir " + home.root() + " --kill gpg-agent");
 }
 
 TEST(Cli, BashCompletionOffersCommandsOptionsAndFields)

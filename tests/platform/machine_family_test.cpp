@@ -57,9 +57,6 @@ TEST_F(MachineFamily, LenovoAndKaiTianByManufacturer)
     }
     tqtest::Fixture f;
     EXPECT_EQ(is_lenovo_machine(), 0) << "no dmidecode";
-    EXPECT_TRUE(tq::is_lenovo_manufacturer("LENOVO "));
-    for (const char *other : {" LENOVO", "KAITIAN", "LENOV"})
-        EXPECT_FALSE(tq::is_lenovo_manufacturer(other)) << other;
 }
 
 TEST_F(MachineFamily, OemTextJoinsSerialAndBootDevice)
