@@ -14,6 +14,7 @@
 #include "fixture.h"
 #include "foundation/os.h"
 #include "leak_check.h"
+#include "results.h"
 
 namespace {
 
@@ -87,10 +88,17 @@ TEST(Gateway, SpawnRunsWithoutShellOrEnvironmentAndIsReaped)
 {
     tqtest::Fixture fx;
     tqtest::LeakCheck leaks;
-    fx.script("/usr/sbin/dmsetup", "printf 'args:%s\\nenv:%s\\n' \"$*\" \"${HOME:-none}${PATH:-none}\"");
+    fx.script("/usr/sbin/dmsetup", "printf 'args:%s\\nenv:%s\\nin:%s\\n' \"$*\" \"${HOME:-none}${PATH:-none}\" \"$(cat)\"");
     const char *argv[] = {"/usr/sbin/dmsetup", "deps", "-o", "devname", "/dev/dm-0; reboot", nullptr};
+    // The caller's standard input is its own: a helper reads /dev/null.
+    fx.write("/input", "the caller's input\n");
+    tq::UniqueFD saved_stdin(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3)); // none when it was closed
+    ASSERT_TRUE(std::freopen(fx.host("/input").c_str(), "r", stdin));
     tq::os::Child child = tq::os::spawn(argv);
+    saved_stdin ? ::dup2(saved_stdin.get(), STDIN_FILENO) : ::close(STDIN_FILENO);
+    saved_stdin.reset();
     ASSERT_TRUE(child.started);
+    EXPECT_TRUE(tqtest::contains(child.out, "\nin:\n")) << child.out;
     // dash falls back to its own default search path, but nothing is inherited.
     EXPECT_EQ(child.out.substr(0, child.out.find("env:")), "args:deps -o devname /dev/dm-0; reboot\n");
     EXPECT_EQ(child.out.find("env:none"), child.out.find("env:"));
