@@ -183,6 +183,7 @@ TEST(OtherDevices, BootDeviceCidOpticalDriveAndWholeDisk)
         [] { return std::optional<std::array<std::string, 3>>({"HL-DT-ST", "DVDRAM GUD0N", "PF02"}); });
     EXPECT_EQ(or_null(tq::optical_drive_hwinfo()), "HL-DT-ST DVDRAM GUD0N PF02");
     EXPECT_EQ(tq::is_whole_disk(nullptr), 0);
+    EXPECT_EQ(tq::is_whole_disk("/dev/sda"), 0); // libblkid cannot open it
 }
 
 TEST_F(Readers, DeviceMapperOnNvmeBySysfsOnSataByTheMappingName)
