@@ -70,24 +70,25 @@ long system_call_stops(int lines)
     }
     long stops = 0;
     int status = 0, stopped = 0;
-    while (waitpid(pid, &status, 0) == pid && WIFSTOPPED(status)) {
+    bool alive = true;
+    while (alive) {
+        alive = waitpid(pid, &status, 0) == pid && WIFSTOPPED(status);
+        if (!alive)
+            break;
         int sig = WSTOPSIG(status);
-        if (sig == SIGSTOP && ++stopped == 1)
+        if (sig == SIGSTOP && ++stopped == 2)
+            break;
+        if (sig == SIGSTOP)
             ptrace(PTRACE_SETOPTIONS, pid, nullptr, PTRACE_O_TRACESYSGOOD);
         else if (sig == (SIGTRAP | 0x80))
             ++stops; // one on entry, one on exit
-        else if (sig == SIGSTOP)
-            break;
         ptrace(PTRACE_SYSCALL, pid, nullptr, nullptr);
     }
-    if (stopped == 2) {
+    if (alive) { // stopped at its second marker: end it
         kill(pid, SIGKILL);
         waitpid(pid, &status, 0);
-        return stops;
     }
-    kill(pid, SIGKILL);
-    waitpid(pid, &status, 0);
-    return -1;
+    return stopped == 2 ? stops : -1;
 }
 
 // System calls one trace line costs in a log that exists (open, fstat, getpid,
