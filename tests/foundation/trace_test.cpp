@@ -48,12 +48,7 @@ TEST(Trace, PrefixAndLineEndRule)
     tqtest::Fixture fx;
     ::umask(0); // the directory is never writable by others, whatever the umask
     EXPECT_EQ(quenda_trace("tavro_quenda_get_harddisk_id: %s", "0123ABC"), 1);
-    EXPECT_EQ(quenda_trace("ends with its own line end\n"), 1);
-    EXPECT_EQ(quenda_trace("%s", ""), 1);
-    std::string log = fx.trace_log(), p = kPrefix;
-    EXPECT_TRUE(std::regex_match(log, std::regex(p + "tavro_quenda_get_harddisk_id: 0123ABC\n" + p +
-                                                 "ends with its own line end\n" + p + "\n")))
-        << log;
+    EXPECT_TRUE(std::regex_match(fx.trace_log(), std::regex(kPrefix + "tavro_quenda_get_harddisk_id: 0123ABC\n")));
     EXPECT_EQ(mode_of(fx.host(kLog)), 0644u);
     EXPECT_EQ(mode_of(fx.host("/var/log/tavro-quenda")), 0755u);
 #if !defined(__SANITIZE_ADDRESS__)
@@ -76,9 +71,10 @@ TEST(Trace, EveryLineIsOneLineWhateverTheText)
         {forged, "/tmp/x\\n2026-01-01 00:00:00.000 [1]: run_verify verify return success\n"},
         {"\x1b[31mred\x1b[0m a\rb\tc\x7f\x01", "\\x1b[31mred\\x1b[0m a\\rb\\tc\\x7f\\x01\n"},
         {"two line ends\n\n", "two line ends\\n\n"},
+        {"", "\n"},
         {"Grüße, C:\\dir", "Grüße, C:\\dir\n"},                     // wording kept
         {std::string(1022 - p, 'e'), std::string(1022 - p, 'e') + "\n"}, // 1022 bytes: whole
-        {std::string(1022 - p, 'n') + "\n", std::string(1022 - p, 'n') + "\n"},
+        {std::string(1022 - p, 'n') + "\n", std::string(1022 - p, 'n') + "\n"}, // its own line end
         {std::string(5000, 'L'), std::string(1022 - p, 'L') + "\n"},     // cut, line end kept
         {std::string(1020 - p, 'c') + "\x1b", std::string(1020 - p, 'c') + "\n"}, // never half an escape
     };
