@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstring>
 
 #include "foundation/os.h"
@@ -92,21 +93,34 @@ int file_stat(const char *path, int mask) noexcept
 // path, which a link swapped in between the two leads out of the tree, every
 // step here is taken relative to the descriptor of the folder being emptied,
 // and a subfolder is only ever opened as a directory that is not a link
-// (O_DIRECTORY | O_NOFOLLOW). A link given as the top is left alone like any
-// other path that is not a directory; a link met inside is removed as a link;
-// an entry swapped for a link mid-walk is removed as the link it has become.
-// Names are never joined into paths, so no path length limit applies; in a
-// tree deeper than kRemoveDepthMax levels, the folders down to its deep part
-// stay.
+// (O_DIRECTORY | O_NOFOLLOW). A link given as the top (with or without
+// trailing slashes) is removed as a link; a link met inside is removed as a
+// link; an entry swapped for a link mid-walk is removed as the link it has
+// become. Names are never joined into paths, so no path length limit applies;
+// in a tree deeper than kRemoveDepthMax levels, the folders down to its deep
+// part stay.
 void remove_directory(const char *path) noexcept
 {
     if (!path)
         return;
-    tq::UniqueFD top = tq::os::open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK);
-    if (!top)
-        return; // missing, not a directory, or a link
+    // "link/" would name the link's target: the top is taken without them.
+    char top_path[PATH_MAX];
+    size_t len = strnlen(path, sizeof(top_path));
+    if (len == 0 || len == sizeof(top_path))
+        return;
+    std::memcpy(top_path, path, len + 1);
+    while (len > 1 && top_path[len - 1] == '/')
+        top_path[--len] = '\0';
+
+    tq::UniqueFD top = tq::os::open(top_path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK);
+    if (!top) {
+        struct stat st;
+        if (tq::os::lstat(top_path, &st) == 0 && S_ISLNK(st.st_mode))
+            tq::os::unlink(top_path);
+        return; // missing, or not a directory
+    }
     tq::empty_directory(std::move(top), 0);
-    tq::os::rmdir(path);
+    tq::os::rmdir(top_path);
 }
 
 void redirect_stdio(void) noexcept
