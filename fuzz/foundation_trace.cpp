@@ -66,9 +66,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     std::string_view text = message;
     if (!cut && !text.empty() && text.back() == '\n')
         text.remove_suffix(1);
-    size_t pos = 0, used = 0;
-    for (; used < text.size(); ++used) {
-        const std::string want = shown_as(static_cast<unsigned char>(text[used]));
+    size_t pos = 0;
+    for (char c : text) {
+        const std::string want = shown_as(static_cast<unsigned char>(c));
         if (body.substr(pos, want.size()) == want) {
             pos += want.size();
             continue;
