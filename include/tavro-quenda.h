@@ -274,7 +274,9 @@ TAVRO_QUENDA_API void key_file_save_to_file(GKeyFile *key_file, const char *path
  * Data integrity: AES-128-CBC records
  * ------------------------------------------------------------------------ */
 
-/* Ciphertext length (16 * ceil((strlen(text) + 1) / 16)), or -1. */
+/* Ciphertext length (16 * ceil((strlen(text) + 1) / 16)), or -1 for a text of
+ * 1024 characters or more, or an out_size below that length (nothing written).
+ * text is read only up to its terminating zero. */
 TAVRO_QUENDA_API int32_t tavro_aes_encrypt(const char *text, unsigned char *out, uint32_t out_size) TAVRO_QUENDA_NOEXCEPT;
 TAVRO_QUENDA_API int32_t tavro_aes_decrypt(const unsigned char *in, unsigned char *out, uint32_t length) TAVRO_QUENDA_NOEXCEPT;
 /* Decrypted text of the record file at path in a 1024-byte buffer, or NULL.
