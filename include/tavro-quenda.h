@@ -210,7 +210,8 @@ TAVRO_QUENDA_API int file_check_sha1(const char *path, const char *expected_hex)
 TAVRO_QUENDA_API int file_check_md5(const char *path, const char *expected_hex) TAVRO_QUENDA_NOEXCEPT;
 /* SHA-256 of message without its terminator into digest[32]. */
 TAVRO_QUENDA_API bool compute_sha256(const char *message, unsigned char *digest) TAVRO_QUENDA_NOEXCEPT;
-/* PKCS #1 "RSA PUBLIC KEY" PEM; release with RSA_free() (deprecated in
+/* An RSA public key in PEM, PKCS #1 ("RSA PUBLIC KEY") or SubjectPublicKeyInfo
+ * ("PUBLIC KEY", as openssl rsa -pubout writes it); release with RSA_free() (deprecated in
  * OpenSSL 3: callers that use it define OPENSSL_API_COMPAT=0x10100000L).
  * Reads only a regular file of at most 1 MiB, once; anything else is NULL. */
 TAVRO_QUENDA_API RSA *load_public_key(const char *path) TAVRO_QUENDA_NOEXCEPT;
