@@ -261,6 +261,8 @@ TAVRO_QUENDA_API char *get_custom_info(const char *path, size_t *body_len) TAVRO
 TAVRO_QUENDA_API GKeyFile *key_file_load_from_file(const char *path) TAVRO_QUENDA_NOEXCEPT;
 /* Raw value (g_free it), or NULL when the group or key is absent. */
 TAVRO_QUENDA_API gchar *key_file_get_value(GKeyFile *key_file, const char *group, const char *key) TAVRO_QUENDA_NOEXCEPT;
+/* Sets the raw value. A group, key or value holding CR or LF is refused:
+ * nothing is set, and the trace says why. */
 TAVRO_QUENDA_API void key_file_set_value(GKeyFile *key_file, const char *group, const char *key,
                                          const char *value) TAVRO_QUENDA_NOEXCEPT;
 /* Serialised file (g_free it); its length in *length. */
@@ -268,7 +270,11 @@ TAVRO_QUENDA_API gchar *key_file_to_data(GKeyFile *key_file, gsize *length) TAVR
 /* Writes path only when its content would change. An existing file is read
  * back only when it is a regular file of at most 256 KiB; a larger one is
  * replaced without comparing, and a FIFO, device or directory there is left
- * alone with the "Unable to save settings3" warning. */
+ * alone with the "Unable to save settings3" warning. The file is replaced
+ * atomically (a new file beside it, renamed over it; a link there is replaced,
+ * not followed); a replaced file keeps its mode and owner (the save fails when
+ * the owner cannot be kept), and a new file is 0644 less the umask, never
+ * writable by group or others. */
 TAVRO_QUENDA_API void key_file_save_to_file(GKeyFile *key_file, const char *path) TAVRO_QUENDA_NOEXCEPT;
 
 /* ------------------------------------------------------------------------
