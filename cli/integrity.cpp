@@ -41,10 +41,10 @@ constexpr size_t kRecordText = kRecordBytes - 1;
 
 const char kDigestHelp[] =
     "Usage: tavro-quenda digest [--sha256|--sha1|--md5] FILE [EXPECTED]\n"
-    "Print the digest of FILE (\"-\" for standard input) as lower-case hex, or,\n"
-    "with EXPECTED, check it: print \"result: N\" (1 when it matches, 0 when not)\n"
-    "and \"FILE: OK\" or \"FILE: FAILED\". EXPECTED is the whole digest in hex;\n"
-    "upper case is accepted.\n"
+    "Print the digest of FILE (\"-\" for standard input; a pipe such as /dev/stdin\n"
+    "or <(...) is read too) as lower-case hex, or, with EXPECTED, check it: print\n"
+    "\"result: N\" (1 when it matches, 0 when not) and \"FILE: OK\" or\n"
+    "\"FILE: FAILED\". EXPECTED is the whole digest in hex; upper case is accepted.\n"
     "\n"
     "Options:\n"
     "  --sha256    SHA-256 (the default)\n"
@@ -233,13 +233,14 @@ const char kKeyfileHelp[] =
     "       tavro-quenda keyfile set FILE GROUP KEY VALUE\n"
     "Print the raw value of KEY in [GROUP] of the key file FILE (\"-\" for standard\n"
     "input), or set it, creating FILE, the group or the key as needed. FILE is\n"
-    "rewritten only when its content changes; comments are kept.\n"
+    "rewritten only when its content changes; comments are kept. It is replaced\n"
+    "atomically, keeping its owner and mode (through a link, where it points).\n"
     "\n"
     "Options:\n"
     "  -h, --help  show this help\n"
     "\n"
     "Exit status: 0 done; 1 no such group or key; 2 usage error; 3 file unreadable\n"
-    "or not written; 4 not a key file.\n";
+    "or not written; 4 not a key file, an invalid name or a line break.\n";
 
 // GLib's warnings and criticals (a refused name, a failed save) would reach
 // the terminal in GLib's words; the tool keeps the last one instead and says
