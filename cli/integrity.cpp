@@ -254,7 +254,8 @@ void keep_glib_message(const gchar *, GLogLevelFlags, const gchar *message, gpoi
 
 // Why GLib would refuse a group or key name, or null for a good one: a group
 // name holds no '[', ']' or control character; a key name no '=' or control
-// character, and brackets only around a trailing locale ("Name[fr]").
+// character, no blank at either end, and brackets only around a trailing
+// locale ("Name[fr]").
 const char *bad_name(const std::string &name, bool group)
 {
     if (name.empty())
@@ -269,6 +270,8 @@ const char *bad_name(const std::string &name, bool group)
         return name.find_first_of("[]") == std::string::npos ? nullptr : "holds '[' or ']'";
     if (name.find('=') != std::string::npos)
         return "holds '='";
+    if (std::isspace(static_cast<unsigned char>(name.front())) || std::isspace(static_cast<unsigned char>(name.back())))
+        return "begins or ends with a blank";
     const size_t open = name.find('[');
     if (open == std::string::npos)
         return name.find(']') == std::string::npos ? nullptr : "holds ']' outside a locale";
@@ -556,8 +559,8 @@ int keyfile(int argc, char **argv)
     key_file_set_value(kf.get(), group, key, value);
     GString_ stored(key_file_get_value(kf.get(), group, key));
     if (!stored || std::strcmp(stored.get(), value) != 0)
-        return fail(kRejected, kCmd, "%s: [%s] %s refused (%s); nothing written", file, group, key,
-                    last_glib_message.empty() ? "not a valid name" : last_glib_message.c_str());
+        return fail(kRejected, kCmd, "%s: '%s' in group [%s] is not a name a key file can hold; nothing written",
+                    file, key, group);
     gsize length = 0;
     GString_ data(key_file_to_data(kf.get(), &length));
     if (!data)
