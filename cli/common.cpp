@@ -122,25 +122,45 @@ void print_json(const cJSON *root, Json mode)
     std::printf("%s\n", out.c_str());
 }
 
+int open_named(const char *cmd, const char *path, int &fd, struct stat &st, bool wait_for_writer)
+{
+    const char *shown = shown_name(path);
+    fd = -1;
+    int first = 0;
+    if (std::strcmp(path, "-") != 0) {
+        // O_NONBLOCK: a device or FIFO that waits in open() does not hang the tool.
+        first = ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+        if (first < 0)
+            return fail(kSystem, cmd, "%s: %s", shown, std::strerror(errno));
+        int flags = ::fcntl(first, F_GETFL);
+        if (flags >= 0)
+            ::fcntl(first, F_SETFL, flags & ~O_NONBLOCK);
+    }
+    Fd owner{first};
+    if (::fstat(first, &st) != 0)
+        return fail(kSystem, cmd, "%s: %s", shown, std::strerror(errno));
+    if (first > 2 && wait_for_writer && S_ISFIFO(st.st_mode)) {
+        // Opened without waiting, a FIFO whose writer has not come yet reads
+        // as empty: open it again, waiting for the writer as cat does, while
+        // the first descriptor keeps a writer already there from seeing no
+        // reader at all.
+        Fd second{::open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY)};
+        if (second.fd < 0 || ::fstat(second.fd, &st) != 0)
+            return fail(kSystem, cmd, "%s: %s", shown, std::strerror(errno));
+        std::swap(owner.fd, second.fd);
+    }
+    fd = owner.fd;
+    owner.fd = -1;
+    return kOk;
+}
+
 int read_whole(const char *cmd, const char *path, size_t max, std::string &out)
 {
-    const bool is_stdin = std::strcmp(path, "-") == 0;
     const char *shown = shown_name(path);
     Fd fd;
-    if (is_stdin) {
-        fd.fd = 0;
-    } else {
-        // Without O_NONBLOCK a FIFO named by mistake would hang the open.
-        fd.fd = ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-        if (fd.fd < 0)
-            return fail(kSystem, cmd, "%s: %s", shown, std::strerror(errno));
-        int flags = ::fcntl(fd.fd, F_GETFL);
-        if (flags >= 0)
-            ::fcntl(fd.fd, F_SETFL, flags & ~O_NONBLOCK);
-    }
     struct stat st {};
-    if (::fstat(fd.fd, &st) != 0)
-        return fail(kSystem, cmd, "%s: %s", shown, std::strerror(errno));
+    if (int status = open_named(cmd, path, fd.fd, st, true))
+        return status;
     if (S_ISDIR(st.st_mode))
         return fail(kSystem, cmd, "%s: %s", shown, std::strerror(EISDIR));
     bool too_big = false;
@@ -158,41 +178,44 @@ InputPath::~InputPath()
         ::unlink(path_.c_str());
 }
 
-int InputPath::open(const char *cmd, const char *path, size_t max)
+int InputPath::open(const char *cmd, const char *path, size_t max, bool streams)
 {
-    if (std::strcmp(path, "-") != 0) {
-        // The library reports a missing or unreadable file only as a failed
-        // result; look first, so the message can say why.
-        path_ = shown_ = path;
-        Fd fd;
-        fd.fd = ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-        if (fd.fd < 0)
-            return fail(kSystem, cmd, "%s: %s", path, std::strerror(errno));
-        struct stat st {};
-        if (::fstat(fd.fd, &st) != 0)
-            return fail(kSystem, cmd, "%s: %s", path, std::strerror(errno));
-        if (S_ISDIR(st.st_mode))
-            return fail(kSystem, cmd, "%s: %s", path, std::strerror(EISDIR));
-        if (!S_ISREG(st.st_mode))
-            return fail(kSystem, cmd, "%s: not a regular file", path);
+    // The library reports a missing or unreadable file only as a failed
+    // result; look first, so the message can say why.
+    path_ = shown_ = shown_name(path);
+    Fd fd;
+    struct stat st {};
+    if (int status = open_named(cmd, path, fd.fd, st, streams))
+        return status;
+    if (S_ISDIR(st.st_mode))
+        return fail(kSystem, cmd, "%s: %s", shown_.c_str(), std::strerror(EISDIR));
+    const bool is_stdin = std::strcmp(path, "-") == 0;
+    const bool stream = S_ISFIFO(st.st_mode) || S_ISSOCK(st.st_mode);
+    if (!is_stdin && !S_ISREG(st.st_mode) && !(streams && stream))
+        return fail(kSystem, cmd, "%s: not a regular file", path);
+    if (!is_stdin && !stream) {
         if (static_cast<unsigned long long>(st.st_size) > max)
             return fail(kRejected, cmd, "%s: longer than %zu bytes", path, max);
         return kOk;
     }
-    shown_ = "standard input";
+    // Standard input or a stream is read once, into a private copy the
+    // library can open.
     std::string data;
-    if (int status = read_whole(cmd, "-", max, data))
-        return status;
+    bool too_big = false;
+    if (!read_all(fd.fd, max, data, too_big))
+        return fail(kSystem, cmd, "%s: %s", shown_.c_str(), std::strerror(errno));
+    if (too_big)
+        return fail(kRejected, cmd, "%s: longer than %zu bytes", shown_.c_str(), max);
     const char *dir = std::getenv("TMPDIR");
     std::string templ = std::string(dir && *dir ? dir : "/tmp") + "/tavro-quenda-XXXXXX";
-    Fd fd;
-    fd.fd = ::mkostemp(templ.data(), O_CLOEXEC);
-    if (fd.fd < 0)
+    Fd copy;
+    copy.fd = ::mkostemp(templ.data(), O_CLOEXEC);
+    if (copy.fd < 0)
         return fail(kSystem, cmd, "%s: %s", templ.c_str(), std::strerror(errno));
     path_ = templ;
     temporary_ = true;
     for (size_t done = 0; done < data.size();) {
-        ssize_t n = ::write(fd.fd, data.data() + done, data.size() - done);
+        ssize_t n = ::write(copy.fd, data.data() + done, data.size() - done);
         if (n < 0 && errno == EINTR)
             continue;
         if (n < 0)

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cjson/cJSON.h>
+#include <sys/stat.h>
 
 #include <cstddef>
 #include <cstdlib>
@@ -54,6 +55,12 @@ struct FreeDeleter {
 };
 using CString = std::unique_ptr<char, FreeDeleter>;
 
+// Opens a file named on the command line for reading ("-" is standard input,
+// fd 0) without waiting on a device; with wait_for_writer a FIFO waits for its
+// writer, as cat does. Sets fd (the caller closes it unless it is 0) and st,
+// or prints why not and returns an exit status.
+int open_named(const char *cmd, const char *path, int &fd, struct stat &st, bool wait_for_writer);
+
 // A file named on the command line, read whole: "-" is standard input.
 // Fails (with its message, naming the file) when the file cannot be opened,
 // is a directory or other non-regular non-stream, cannot be read, or holds
@@ -61,8 +68,9 @@ using CString = std::unique_ptr<char, FreeDeleter>;
 int read_whole(const char *cmd, const char *path, size_t max, std::string &out);
 
 // A path the library can open for a file named on the command line. For "-"
-// standard input is copied to a private temporary file, removed again when
-// this object goes. Files are checked the way read_whole checks them.
+// (and, with streams, a named FIFO or socket such as /dev/stdin or <(...))
+// the stream is copied to a private temporary file, removed again when this
+// object goes. Other files must be regular files of at most max bytes.
 class InputPath {
 public:
     InputPath() = default;
@@ -70,7 +78,7 @@ public:
     InputPath(const InputPath &) = delete;
     InputPath &operator=(const InputPath &) = delete;
     // 0 or an exit status (the message is printed).
-    int open(const char *cmd, const char *path, size_t max);
+    int open(const char *cmd, const char *path, size_t max, bool streams = false);
     const char *path() const { return path_.c_str(); }
     // How to name the file in messages.
     const char *shown() const { return shown_.c_str(); }

@@ -19,6 +19,8 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "commands.h"
@@ -39,10 +41,10 @@ constexpr size_t kRecordText = kRecordBytes - 1;
 
 const char kDigestHelp[] =
     "Usage: tavro-quenda digest [--sha256|--sha1|--md5] FILE [EXPECTED]\n"
-    "Print the digest of FILE (\"-\" for standard input) as lower-case hex, or,\n"
-    "with EXPECTED, check it: print \"result: N\" (1 when it matches, 0 when not)\n"
-    "and \"FILE: OK\" or \"FILE: FAILED\". EXPECTED is the whole digest in hex;\n"
-    "upper case is accepted.\n"
+    "Print the digest of FILE (\"-\" for standard input; a pipe such as /dev/stdin\n"
+    "or <(...) is read too) as lower-case hex, or, with EXPECTED, check it: print\n"
+    "\"result: N\" (1 when it matches, 0 when not) and \"FILE: OK\" or\n"
+    "\"FILE: FAILED\". EXPECTED is the whole digest in hex; upper case is accepted.\n"
     "\n"
     "Options:\n"
     "  --sha256    SHA-256 (the default)\n"
@@ -71,14 +73,15 @@ struct MdCtxDeleter {
 };
 
 // The digest of a file in lower-case hex, streamed; the library only
-// compares digests, it does not hand them out.
+// compares digests, it does not hand them out. Like sha256sum, it reads a
+// FIFO or pipe the user names (/dev/stdin, <(...)) as well as a file.
 int hex_digest(const char *cmd, const char *path, const Algorithm &alg, std::string &hex)
 {
-    const bool is_stdin = std::strcmp(path, "-") == 0;
     const char *shown = shown_name(path);
-    int fd = is_stdin ? 0 : ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-    if (fd < 0)
-        return fail(kSystem, cmd, "%s: %s", shown, std::strerror(errno));
+    int fd = -1;
+    struct stat st {};
+    if (int status = open_named(cmd, path, fd, st, true))
+        return status;
     struct Closer {
         int fd;
         ~Closer()
@@ -86,14 +89,11 @@ int hex_digest(const char *cmd, const char *path, const Algorithm &alg, std::str
             if (fd > 2)
                 ::close(fd);
         }
-    } closer{is_stdin ? -1 : fd};
-    struct stat st {};
-    if (::fstat(fd, &st) != 0)
-        return fail(kSystem, cmd, "%s: %s", shown, std::strerror(errno));
+    } closer{std::strcmp(path, "-") == 0 ? -1 : fd};
     if (S_ISDIR(st.st_mode))
         return fail(kSystem, cmd, "%s: %s", shown, std::strerror(EISDIR));
-    if (!is_stdin && !S_ISREG(st.st_mode))
-        return fail(kSystem, cmd, "%s: not a regular file", shown);
+    if (closer.fd >= 0 && !S_ISREG(st.st_mode) && !S_ISFIFO(st.st_mode) && !S_ISSOCK(st.st_mode))
+        return fail(kSystem, cmd, "%s: not a regular file or a pipe", shown);
     std::unique_ptr<EVP_MD_CTX, MdCtxDeleter> ctx(EVP_MD_CTX_new());
     if (!ctx || EVP_DigestInit_ex(ctx.get(), alg.md(), nullptr) != 1)
         return fail(kSystem, cmd, "cannot start the digest");
@@ -179,7 +179,8 @@ const char kRecordHelp[] =
     "       tavro-quenda record write FILE\n"
     "Read an encrypted record file (\"-\" for standard input) and print its text as\n"
     "it is stored, or encrypt the text on standard input, exactly as given, into\n"
-    "FILE (created with mode 0600 or replaced). A record holds at most 1023\n"
+    "FILE (created with mode 0600, or replaced atomically by a new 0600 file; a\n"
+    "link there is replaced, not followed). A record holds at most 1023\n"
     "characters and no zero byte; a longer text is refused and nothing is written.\n"
     "\n"
     "Options:\n"
@@ -188,24 +189,40 @@ const char kRecordHelp[] =
     "Exit status: 0 done; 2 usage error; 3 file unreadable or not written;\n"
     "4 not a record, or a text too long for one.\n";
 
+// Writes data as a new owner-only file beside path, then renames it over
+// path: a reader sees the old record or the new one, never half of one, the
+// record is 0600 whatever was there before, and a link at path is replaced,
+// never written through.
 int write_file(const char *cmd, const char *path, const unsigned char *data, size_t size)
 {
-    int fd = ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY, 0600);
-    if (fd < 0)
+    struct Temp {
+        std::string path;
+        int fd = -1;
+        ~Temp()
+        {
+            if (fd >= 0)
+                ::close(fd);
+            if (!path.empty())
+                ::unlink(path.c_str());
+        }
+    } temp{std::string(path) + ".XXXXXX"};
+    temp.fd = ::mkostemp(temp.path.data(), O_CLOEXEC); // mode 0600
+    if (temp.fd < 0) {
+        temp.path.clear();
         return fail(kSystem, cmd, "%s: %s", path, std::strerror(errno));
+    }
     for (size_t done = 0; done < size;) {
-        ssize_t n = ::write(fd, data + done, size - done);
+        ssize_t n = ::write(temp.fd, data + done, size - done);
         if (n < 0 && errno == EINTR)
             continue;
-        if (n < 0) {
-            int saved = errno;
-            ::close(fd);
-            return fail(kSystem, cmd, "%s: %s", path, std::strerror(saved));
-        }
+        if (n < 0)
+            return fail(kSystem, cmd, "%s: %s", path, std::strerror(errno));
         done += static_cast<size_t>(n);
     }
-    if (::close(fd) != 0)
+    if (::fsync(temp.fd) != 0 || ::close(std::exchange(temp.fd, -1)) != 0 ||
+        ::rename(temp.path.c_str(), path) != 0)
         return fail(kSystem, cmd, "%s: %s", path, std::strerror(errno));
+    temp.path.clear();
     return kOk;
 }
 
@@ -216,13 +233,74 @@ const char kKeyfileHelp[] =
     "       tavro-quenda keyfile set FILE GROUP KEY VALUE\n"
     "Print the raw value of KEY in [GROUP] of the key file FILE (\"-\" for standard\n"
     "input), or set it, creating FILE, the group or the key as needed. FILE is\n"
-    "rewritten only when its content changes; comments are kept.\n"
+    "rewritten only when its content changes; comments are kept. It is replaced\n"
+    "atomically, keeping its owner and mode (through a link, where it points).\n"
     "\n"
     "Options:\n"
     "  -h, --help  show this help\n"
     "\n"
     "Exit status: 0 done; 1 no such group or key; 2 usage error; 3 file unreadable\n"
-    "or not written; 4 not a key file.\n";
+    "or not written; 4 not a key file, an invalid name or a line break.\n";
+
+// GLib's warnings and criticals (a refused name, a failed save) would reach
+// the terminal in GLib's words; the tool keeps the last one instead and says
+// what went wrong in its own.
+std::string last_glib_message;
+
+void keep_glib_message(const gchar *, GLogLevelFlags, const gchar *message, gpointer)
+{
+    last_glib_message = message ? message : "";
+}
+
+// Why GLib would refuse a group or key name, or null for a good one: a group
+// name holds no '[', ']' or control character; a key name no '=' or control
+// character, no blank at either end, and brackets only around a trailing
+// locale ("Name[fr]").
+const char *bad_name(const std::string &name, bool group)
+{
+    if (name.empty())
+        return "is empty";
+    for (unsigned char ch : name) {
+        if (ch == '\n' || ch == '\r')
+            return "holds a line break";
+        if (ch < 0x20 || ch == 0x7f)
+            return "holds a control character";
+    }
+    if (group)
+        return name.find_first_of("[]") == std::string::npos ? nullptr : "holds '[' or ']'";
+    if (name.find('=') != std::string::npos)
+        return "holds '='";
+    if (std::isspace(static_cast<unsigned char>(name.front())) || std::isspace(static_cast<unsigned char>(name.back())))
+        return "begins or ends with a blank";
+    const size_t open = name.find('[');
+    if (open == std::string::npos)
+        return name.find(']') == std::string::npos ? nullptr : "holds ']' outside a locale";
+    if (open == 0 || name.back() != ']' || name.find_first_of("[]", open + 1) != name.size() - 1 ||
+        open + 2 == name.size())
+        return "holds '[' or ']' outside a locale such as Name[fr]";
+    return nullptr;
+}
+
+// The file a path names at the end of its symbolic links (it need not exist
+// yet), so that a key file kept behind a link is replaced where it lives.
+int follow_links(const char *cmd, const char *path, std::string &out)
+{
+    out = path;
+    for (int hops = 0; hops < 40; ++hops) {
+        std::array<char, 4096> target{};
+        ssize_t n = ::readlink(out.c_str(), target.data(), target.size());
+        if (n < 0)
+            return errno == EINVAL || errno == ENOENT ? kOk : fail(kSystem, cmd, "%s: %s", path, std::strerror(errno));
+        if (static_cast<size_t>(n) == target.size())
+            return fail(kSystem, cmd, "%s: %s", path, std::strerror(ENAMETOOLONG));
+        std::string next(target.data(), static_cast<size_t>(n));
+        const size_t slash = out.rfind('/');
+        if (next.front() != '/' && slash != std::string::npos)
+            next = out.substr(0, slash + 1) + next;
+        out = next;
+    }
+    return fail(kSystem, cmd, "%s: %s", path, std::strerror(ELOOP));
+}
 
 struct KeyFileDeleter {
     void operator()(GKeyFile *p) const noexcept { g_key_file_free(p); }
@@ -308,8 +386,9 @@ int digest(int argc, char **argv)
     }
     if (!hex)
         return usage_error(kCmd, "EXPECTED must be %zu hexadecimal digits", alg->hex_length);
+    // The library reads regular files only; a stream is handed to it as a copy.
     InputPath input;
-    if (int status = input.open(kCmd, file, kMaxInput))
+    if (int status = input.open(kCmd, file, kMaxInput, true))
         return status;
     int result = alg->check(input.path(), expected.c_str());
     std::printf("result: %d\n%s: %s\n", result, file, result == 1 ? "OK" : "FAILED");
@@ -357,7 +436,7 @@ int rsa_check(int argc, char **argv)
     ::close(fd);
     RSA *key = load_public_key(kPublicKey);
     if (!key)
-        return fail(kSystem, kCmd, "%s: not a PEM RSA PUBLIC KEY", kPublicKey);
+        return fail(kSystem, kCmd, "%s: not a PEM RSA public key", kPublicKey);
     RSA_free(key);
 
     int result = rsa_check_quietly(message.c_str(), cleaned.c_str());
@@ -405,11 +484,8 @@ int record(int argc, char **argv)
                         file, text.size(), kRecordText);
         if (text.find('\0') != std::string::npos)
             return fail(kRejected, kCmd, "%s: the text holds a zero byte; nothing written", file);
-        // The cipher reads a whole record's worth of text, zero-padded.
-        std::array<char, kRecordBytes> block{};
-        std::memcpy(block.data(), text.data(), text.size());
         std::array<unsigned char, kRecordBytes> sealed{};
-        int32_t length = tavro_aes_encrypt(block.data(), sealed.data(), kRecordBytes);
+        int32_t length = tavro_aes_encrypt(text.c_str(), sealed.data(), kRecordBytes);
         if (length <= 0)
             return fail(kSystem, kCmd, "%s: encryption failed (result %d)", file, static_cast<int>(length));
         return write_file(kCmd, file, sealed.data(), static_cast<size_t>(length));
@@ -454,12 +530,25 @@ int keyfile(int argc, char **argv)
     if (std::strcmp(file, "-") == 0)
         return usage_error(kCmd, "set needs a file name");
     const char *value = argv[optind + 4];
+    // A line break would let the value (or a name) write lines of its own:
+    // keys, groups, or text that makes the file unreadable.
+    if (std::strpbrk(value, "\r\n"))
+        return fail(kRejected, kCmd, "%s: the value holds a line break; nothing written", file);
+    for (auto [what, name, is_group] : {std::tuple{"group", group, true}, {"key", key, false}}) {
+        if (const char *why = bad_name(name, is_group))
+            return fail(kRejected, kCmd, "%s: the %s name '%s' %s; nothing written", file, what, name, why);
+    }
+    g_log_set_default_handler(keep_glib_message, nullptr);
+    std::string target;
+    if (int status = follow_links(kCmd, file, target))
+        return status;
     KeyFilePtr kf;
-    if (::access(file, F_OK) == 0) {
+    struct stat st {};
+    if (::stat(target.c_str(), &st) == 0) {
         InputPath input;
         if (int status = input.open(kCmd, file, kMaxInput))
             return status;
-        kf.reset(key_file_load_from_file(file));
+        kf.reset(key_file_load_from_file(target.c_str()));
         if (!kf)
             return fail(kRejected, kCmd, "%s: not a key file", file);
     } else if (errno == ENOENT) {
@@ -468,22 +557,33 @@ int keyfile(int argc, char **argv)
         return fail(kSystem, kCmd, "%s: %s", file, std::strerror(errno));
     }
     key_file_set_value(kf.get(), group, key, value);
+    GString_ stored(key_file_get_value(kf.get(), group, key));
+    if (!stored || std::strcmp(stored.get(), value) != 0)
+        return fail(kRejected, kCmd, "%s: '%s' in group [%s] is not a name a key file can hold; nothing written",
+                    file, key, group);
     gsize length = 0;
     GString_ data(key_file_to_data(kf.get(), &length));
     if (!data)
         return fail(kSystem, kCmd, "%s: cannot serialise the key file", file);
-    key_file_save_to_file(kf.get(), file);
-    // Saving reports nothing back; the file itself tells whether it worked.
+    last_glib_message.clear();
+    key_file_save_to_file(kf.get(), target.c_str());
+    // Saving reports nothing back; the file itself tells whether it worked,
+    // and the library's warning why not.
     std::string written;
-    int fd = ::open(file, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    int fd = ::open(target.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd >= 0) {
         char buf[65536];
         for (ssize_t n; (n = ::read(fd, buf, sizeof buf)) > 0;)
             written.append(buf, static_cast<size_t>(n));
         ::close(fd);
     }
-    if (fd < 0 || written != std::string(data.get(), length))
-        return fail(kSystem, kCmd, "%s: not written", file);
+    if (fd < 0 || written != std::string(data.get(), length)) {
+        // "Unable to save settings3: <why>": the part after the first ": ".
+        const size_t colon = last_glib_message.find(": ");
+        if (colon == std::string::npos)
+            return fail(kSystem, kCmd, "%s: not written", file);
+        return fail(kSystem, kCmd, "%s: not written: %s", file, last_glib_message.c_str() + colon + 2);
+    }
     return kOk;
 }
 

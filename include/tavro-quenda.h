@@ -210,7 +210,8 @@ TAVRO_QUENDA_API int file_check_sha1(const char *path, const char *expected_hex)
 TAVRO_QUENDA_API int file_check_md5(const char *path, const char *expected_hex) TAVRO_QUENDA_NOEXCEPT;
 /* SHA-256 of message without its terminator into digest[32]. */
 TAVRO_QUENDA_API bool compute_sha256(const char *message, unsigned char *digest) TAVRO_QUENDA_NOEXCEPT;
-/* PKCS #1 "RSA PUBLIC KEY" PEM; release with RSA_free() (deprecated in
+/* An RSA public key in PEM, PKCS #1 ("RSA PUBLIC KEY") or SubjectPublicKeyInfo
+ * ("PUBLIC KEY", as openssl rsa -pubout writes it); release with RSA_free() (deprecated in
  * OpenSSL 3: callers that use it define OPENSSL_API_COMPAT=0x10100000L).
  * Reads only a regular file of at most 1 MiB, once; anything else is NULL. */
 TAVRO_QUENDA_API RSA *load_public_key(const char *path) TAVRO_QUENDA_NOEXCEPT;
@@ -260,6 +261,8 @@ TAVRO_QUENDA_API char *get_custom_info(const char *path, size_t *body_len) TAVRO
 TAVRO_QUENDA_API GKeyFile *key_file_load_from_file(const char *path) TAVRO_QUENDA_NOEXCEPT;
 /* Raw value (g_free it), or NULL when the group or key is absent. */
 TAVRO_QUENDA_API gchar *key_file_get_value(GKeyFile *key_file, const char *group, const char *key) TAVRO_QUENDA_NOEXCEPT;
+/* Sets the raw value. A group, key or value holding CR or LF is refused:
+ * nothing is set, and the trace says why. */
 TAVRO_QUENDA_API void key_file_set_value(GKeyFile *key_file, const char *group, const char *key,
                                          const char *value) TAVRO_QUENDA_NOEXCEPT;
 /* Serialised file (g_free it); its length in *length. */
@@ -267,14 +270,20 @@ TAVRO_QUENDA_API gchar *key_file_to_data(GKeyFile *key_file, gsize *length) TAVR
 /* Writes path only when its content would change. An existing file is read
  * back only when it is a regular file of at most 256 KiB; a larger one is
  * replaced without comparing, and a FIFO, device or directory there is left
- * alone with the "Unable to save settings3" warning. */
+ * alone with the "Unable to save settings3" warning. The file is replaced
+ * atomically (a new file beside it, renamed over it; a link there is replaced,
+ * not followed); a replaced file keeps its mode and owner (the save fails when
+ * the owner cannot be kept), and a new file is 0644 less the umask, never
+ * writable by group or others. */
 TAVRO_QUENDA_API void key_file_save_to_file(GKeyFile *key_file, const char *path) TAVRO_QUENDA_NOEXCEPT;
 
 /* ------------------------------------------------------------------------
  * Data integrity: AES-128-CBC records
  * ------------------------------------------------------------------------ */
 
-/* Ciphertext length (16 * ceil((strlen(text) + 1) / 16)), or -1. */
+/* Ciphertext length (16 * ceil((strlen(text) + 1) / 16)), or -1 for a text of
+ * 1024 characters or more, or an out_size below that length (nothing written).
+ * text is read only up to its terminating zero. */
 TAVRO_QUENDA_API int32_t tavro_aes_encrypt(const char *text, unsigned char *out, uint32_t out_size) TAVRO_QUENDA_NOEXCEPT;
 TAVRO_QUENDA_API int32_t tavro_aes_decrypt(const unsigned char *in, unsigned char *out, uint32_t length) TAVRO_QUENDA_NOEXCEPT;
 /* Decrypted text of the record file at path in a 1024-byte buffer, or NULL.

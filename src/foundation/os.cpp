@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <ctime>
 #include <new>
@@ -377,6 +378,46 @@ bool read_input_prefix(const char *path, size_t max, std::string *out, std::stri
 {
     UniqueFD fd = open_input(path);
     return fd && read_into(fd.get(), max, stop, false, out);
+}
+
+UniqueFD create_beside(const char *path, mode_t mode, std::string *temp) noexcept
+{
+    if (!path || !temp) {
+        errno = EINVAL;
+        return UniqueFD();
+    }
+    try {
+        static constexpr char kLetters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+        struct timespec now {};
+        ::clock_gettime(CLOCK_MONOTONIC, &now);
+        unsigned long long seed = static_cast<unsigned long long>(now.tv_nsec) ^
+                                  (static_cast<unsigned long long>(::getpid()) << 32) ^
+                                  reinterpret_cast<uintptr_t>(temp);
+        for (int attempt = 0; attempt < 100; ++attempt) {
+            std::string name = std::string(path) + ".";
+            for (int i = 0; i < 6; ++i) {
+                seed = seed * 6364136223846793005ULL + 1442695040888963407ULL;
+                name += kLetters[(seed >> 33) % (sizeof kLetters - 1)];
+            }
+            UniqueFD fd = open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NOCTTY, mode);
+            if (fd) {
+                *temp = std::move(name);
+                return fd;
+            }
+            if (errno != EEXIST)
+                return fd;
+        }
+        errno = EEXIST;
+    } catch (const std::bad_alloc &) {
+        errno = ENOMEM;
+    }
+    return UniqueFD();
+}
+
+int rename(const char *from, const char *to) noexcept
+{
+    HostPath f(from), t(to);
+    return f.c_str() && t.c_str() ? ::rename(f.c_str(), t.c_str()) : -1;
 }
 
 std::string path_arg(std::string_view path) { return shell_quote(host_path(path)); }

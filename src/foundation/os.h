@@ -132,6 +132,15 @@ bool read_input(const char *path, size_t max, std::string *out) noexcept;
 // the first line only). On failure *out is untouched and errno is set.
 bool read_input_prefix(const char *path, size_t max, std::string *out, std::string_view stop = {}) noexcept;
 
+// ---- replacing caller-named files ------------------------------------------
+// A new file beside path, named "<path>.XXXXXX", created exclusively (never
+// through a link) with mode less the process's umask and open for writing.
+// *temp receives its name, in the same form as path. Failure: an empty
+// UniqueFD with errno set.
+UniqueFD create_beside(const char *path, mode_t mode, std::string *temp) noexcept;
+// rename(); replaces a link at to, never what it points to.
+int rename(const char *from, const char *to) noexcept;
+
 // ---- helper programs -------------------------------------------------------
 // Single-quotes text for /bin/sh so that no character in it is interpreted.
 std::string shell_quote(std::string_view text);

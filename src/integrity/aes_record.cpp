@@ -91,7 +91,12 @@ int32_t write_encrypt_str_to_file(const char *path, const char *text) noexcept
 
 extern "C" {
 
-int32_t tavro_aes_encrypt(const char *text, unsigned char *out, uint32_t /*out_size*/) noexcept
+// Unlike the historical interface, which read a whole 1,024-byte block from
+// text and ignored out_size, this reads text only up to its terminating zero
+// (padding the block itself, so the ciphertext is the same) and refuses, with
+// -1 and nothing written, an out buffer too small for the ciphertext: a short
+// text or a short buffer is never overrun. Callers passing 1,024 see no change.
+int32_t tavro_aes_encrypt(const char *text, unsigned char *out, uint32_t out_size) noexcept
 {
     if (!text || !out)
         return -1;
@@ -99,6 +104,8 @@ int32_t tavro_aes_encrypt(const char *text, unsigned char *out, uint32_t /*out_s
     if (n >= tq::kRecordMax)
         return -1;
     size_t padded = (n + 1 + tq::kBlock - 1) / tq::kBlock * tq::kBlock;
+    if (out_size < padded)
+        return -1;
     // Only the text itself is read; the rest of the block is zeros.
     std::array<unsigned char, tq::kRecordMax> block{};
     std::memcpy(block.data(), text, n);

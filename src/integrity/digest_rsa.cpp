@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // File digests compared with an expected hex text, and RSA-SHA256 (PKCS #1
-// v1.5) signature checks against the provisioned PEM key.
+// v1.5) signature checks against the provisioned PEM key (PKCS #1 or
+// SubjectPublicKeyInfo form).
 //
 // load_public_key hands out an RSA *, so this file uses the RSA API that
 // OpenSSL 3 keeps for compatibility; pin the API level before any OpenSSL
@@ -107,8 +108,20 @@ void print_error(const char *format, const char *path) noexcept
 {
     if (size > kPublicKeyFileMax)
         return nullptr;
-    UniqueBio bio(BIO_new_mem_buf(pem, static_cast<int>(size)));
-    return bio ? PEM_read_bio_RSAPublicKey(bio.get(), nullptr, nullptr, nullptr) : nullptr;
+    // Both PEM forms of an RSA public key: PKCS #1 ("RSA PUBLIC KEY"), and the
+    // SubjectPublicKeyInfo ("PUBLIC KEY") that `openssl rsa -pubout` writes,
+    // which must hold an RSA key. Accepting the second is a deliberate
+    // widening of the original PKCS #1-only reader; PKCS #1 keys load as before.
+    for (auto read : {PEM_read_bio_RSAPublicKey, PEM_read_bio_RSA_PUBKEY}) {
+        UniqueBio bio(BIO_new_mem_buf(pem, static_cast<int>(size)));
+        if (!bio)
+            return nullptr;
+        if (RSA *key = read(bio.get(), nullptr, nullptr, nullptr)) {
+            ERR_clear_error();
+            return key;
+        }
+    }
+    return nullptr;
 }
 
 int file_sha256_hex(const char *path, char *hex_out, size_t capacity) noexcept

@@ -21,7 +21,8 @@ int file_md5_hex(const char *path, char *hex_out, size_t capacity) noexcept;
 int file_digest_matches(const char *path, const char *expected_hex, FileDigestRoutine routine,
                         size_t digest_bytes) noexcept;
 
-// The RSA public key (PKCS #1 PEM) in pem[0, size), or null. A newly read
+// The RSA public key in pem[0, size), PEM in PKCS #1 ("RSA PUBLIC KEY") or
+// SubjectPublicKeyInfo ("PUBLIC KEY", RSA only) form, or null. A newly read
 // object the caller frees with RSA_free.
 ::rsa_st *rsa_public_key_from_pem(const char *pem, size_t size) noexcept;
 

@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // INI key files through GLib's GKeyFile, with comments and translations kept,
-// and a save that leaves the file alone when its bytes would not change.
+// and a save that leaves the file alone when its bytes would not change and
+// otherwise replaces it atomically, keeping its mode and owner.
 #include "integrity/key_file.h"
 
 #include <glib.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -44,6 +47,66 @@ public:
 private:
     GError *raw_ = nullptr;
 };
+
+// A temporary file that is removed again unless it was renamed into place.
+class TempFile {
+public:
+    TempFile() = default;
+    TempFile(const TempFile &) = delete;
+    TempFile &operator=(const TempFile &) = delete;
+    ~TempFile()
+    {
+        if (!path.empty())
+            os::unlink(path.c_str());
+    }
+    std::string path;
+};
+
+bool failed(std::string *why, const char *step)
+{
+    *why = std::string(step) + ": " + g_strerror(errno);
+    return false;
+}
+
+// Writes data to a new file beside path, flushes it and renames it over path,
+// so that readers see the old file or the new one, never a mix. An existing
+// file (old) keeps its mode and owner; a new one gets 0644 less the umask, so
+// it is never writable by group or others. On failure *why says what went
+// wrong, and path is as it was.
+bool replace_file(const char *path, const char *data, size_t length, const struct stat *old, std::string *why)
+{
+    TempFile temp;
+    // Until it has the old file's owner, the copy is readable by its writer only.
+    UniqueFD fd = os::create_beside(path, old ? 0600 : 0644, &temp.path);
+    if (!fd)
+        return failed(why, "cannot create a temporary file");
+    for (size_t done = 0; done < length;) {
+        ssize_t n = ::write(fd.get(), data + done, length - done);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return failed(why, "cannot write");
+        done += static_cast<size_t>(n);
+    }
+    if (old) {
+        struct stat now {};
+        if (::fstat(fd.get(), &now) != 0)
+            return failed(why, "cannot keep the owner");
+        // Owner first: a change of owner clears the set-id bits that the mode restores.
+        const uid_t uid = now.st_uid == old->st_uid ? static_cast<uid_t>(-1) : old->st_uid;
+        const gid_t gid = now.st_gid == old->st_gid ? static_cast<gid_t>(-1) : old->st_gid;
+        if ((uid != static_cast<uid_t>(-1) || gid != static_cast<gid_t>(-1)) && ::fchown(fd.get(), uid, gid) != 0)
+            return failed(why, "cannot keep the owner");
+        if (::fchmod(fd.get(), old->st_mode & 07777) != 0)
+            return failed(why, "cannot keep the mode");
+    }
+    if (::fsync(fd.get()) != 0 || ::close(fd.release()) != 0)
+        return failed(why, "cannot write");
+    if (os::rename(temp.path.c_str(), path) != 0)
+        return failed(why, "cannot replace the file");
+    temp.path.clear();
+    return true;
+}
 
 } // namespace
 
@@ -86,10 +149,21 @@ gchar *key_file_get_value(GKeyFile *key_file, const char *group, const char *key
     return g_key_file_get_value(key_file, group, key, nullptr);
 }
 
+// Unlike GLib's raw setter, which stores any text, this refuses a group, key
+// or value holding a line break (CR or LF): once saved, the text after it
+// would be read back as keys or groups of its own. Nothing is set, and the
+// trace says why. (A C string cannot hold a NUL.) Everything else is stored
+// raw.
 void key_file_set_value(GKeyFile *key_file, const char *group, const char *key, const char *value) noexcept
 {
     if (!key_file || !group || !key || !value)
         return;
+    for (auto [what, text] : {std::pair{"group", group}, {"key", key}, {"value", value}}) {
+        if (std::strpbrk(text, "\r\n")) {
+            quenda_trace("key_file_set_value: the %s holds a line break; nothing set", what);
+            return;
+        }
+    }
     g_key_file_set_value(key_file, group, key, value);
 }
 
@@ -113,8 +187,15 @@ void key_file_save_to_file(GKeyFile *key_file, const char *path) noexcept
             return;
         }
 
+        // Unlike a plain g_file_set_contents(), which gives the replacement
+        // the default mode and the caller's ownership, a replaced file keeps
+        // its mode and owner, and a new one is never writable by group or
+        // others whatever the umask. The replacement stays atomic.
+        struct stat old_stat {};
+        bool have_old = false;
         std::string host = tq::os::host_path(path);
         if (g_file_test(host.c_str(), G_FILE_TEST_EXISTS)) {
+            have_old = tq::os::stat(path, &old_stat) == 0 && S_ISREG(old_stat.st_mode);
             // Only a regular file is read back, and only up to the size a key
             // file may have; anything else there is not replaced either.
             std::string old;
@@ -131,9 +212,9 @@ void key_file_save_to_file(GKeyFile *key_file, const char *path) noexcept
                 return; // unchanged: keep the file, its inode and its mtime
         }
 
-        tq::ErrorSlot write_error;
-        if (!g_file_set_contents(host.c_str(), data.get(), static_cast<gssize>(length), write_error.out()))
-            g_log(nullptr, G_LOG_LEVEL_WARNING, "Unable to save settings3: %s", write_error.message());
+        std::string why;
+        if (!tq::replace_file(path, data.get(), length, have_old ? &old_stat : nullptr, &why))
+            g_log(nullptr, G_LOG_LEVEL_WARNING, "Unable to save settings3: %s", why.c_str());
     });
 }
 

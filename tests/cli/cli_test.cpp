@@ -57,6 +57,18 @@ TEST(Cli, EveryOutcomeHasItsExitStatusAndSaysWhy)
                               {"/short.b64", "YWJ\n"}})
         d.write(name, text);
     d.write("/long.txt", std::string(1024, 'a'));
+    // A key file kept behind a link, not the writer's and not world-readable; a record file
+    // that was 0644, and a record name that is a link.
+    d.write("/kept.conf", "[G]\nK=v\n", 0640);
+    d.symlink("kept.conf", "/link.conf");
+    const bool root = geteuid() == 0;
+    if (root) {
+        ASSERT_EQ(chown(d.host("/kept.conf").c_str(), 65534, 65534), 0);
+    }
+    const std::string kept = "640 " + std::to_string(root ? 65534 : geteuid()) + " regular file\nsymbolic link\n[G]\nK=w\n";
+    d.write("/old.rec", "", 0644);
+    d.write("/victim", "secret\n");
+    d.symlink("victim", "/rec-link");
     // One row per way each command ends; what the library answers is checked by its own tests.
     struct Row {
         const char *args;
@@ -84,9 +96,19 @@ TEST(Cli, EveryOutcomeHasItsExitStatusAndSaysWhy)
         {"rsa-check plain.txt 'AB C'", 4, "rsa-check: the signature is not Base64"},
         {"record write rec <long.txt", 4,
          "record: rec: the text is 1024 characters; a record holds at most 1023; nothing written"},
+        // Replaced by a new owner-only file, never written through a link.
+        {"record write old.rec <plain.txt && stat -c %a old.rec", 0, "", "600\n"},
+        {"record write rec-link <plain.txt && stat -c '%a %F' rec-link && cat victim", 0, "", "600 regular file\nsecret\n"},
         {"keyfile get app.conf G X", 1, "keyfile: app.conf: no key 'X' in group [G]"},
-        {"keyfile set /x/y/z G K v", 3, "keyfile: /x/y/z: not written"},
+        {"keyfile set /x/y/z G K v", 3, "keyfile: /x/y/z: not written: cannot create a temporary file: No such file"},
         {"keyfile set new.conf A B c && cat new.conf", 0, "", "[A]\nB=c\n"},
+        // Written where the link points, with the owner and mode it had.
+        {"keyfile set link.conf G K w && stat -c '%a %u %F' kept.conf && stat -c %F link.conf && cat kept.conf", 0, "",
+         kept.c_str()},
+        {"keyfile set kept.conf 'bad]group' K v", 4,
+         "keyfile: kept.conf: the group name 'bad]group' holds '[' or ']'; nothing written"},
+        {"keyfile set kept.conf G K \"$(printf 'v\\nForged=1')\"", 4,
+         "keyfile: kept.conf: the value holds a line break; nothing written"},
         {"base64 -d <short.b64", 4, "base64: standard input: not Base64 (result 59: its length is not a multiple of 4)"},
         // Only checked where no public key is installed.
         {"rsa-check plain.txt AAAA", 3, "rsa-check: /etc/tavro-quenda/public.pem: No such file or directory"},
@@ -100,6 +122,7 @@ TEST(Cli, EveryOutcomeHasItsExitStatusAndSaysWhy)
         EXPECT_TRUE(*row.err ? tqtest::contains(r.err, "tavro-quenda: " + std::string(row.err)) : r.err.empty())
             << r.err;
         EXPECT_TRUE(!row.out || r.out == row.out) << r.out;
+        EXPECT_FALSE(tqtest::contains(r.err, "GLib")) << r.err; // the tool speaks in its own words
     }
     EXPECT_EQ(access(d.host("/rec").c_str(), F_OK), -1) << "a refused record text must not create the file";
 }
@@ -173,6 +196,11 @@ TEST(Cli, OutputAgreesWithCoreutilsOpensslAndGpg)
         {kCli + " digest --md5 " + f, "md5sum " + f},
         // The value coreutils gives is the one the tool accepts.
         {kCli + " digest --md5 - $(md5sum " + f + " | cut -d' ' -f1) <" + f, "printf 'result: 1\\n-: OK\\n'"},
+        // Pipes the user names are read like files.
+        {"cat " + f + " | " + kCli + " digest /dev/stdin", "cat " + f + " | sha256sum /dev/stdin"},
+        {"bash -c '" + kCli + " digest --sha1 <(cat " + f + ")'", "bash -c 'sha1sum <(cat " + f + ")'"},
+        {"cat " + f + " | " + kCli + " digest --md5 /dev/stdin $(md5sum " + f + " | cut -d' ' -f1)",
+         "printf 'result: 1\\n/dev/stdin: OK\\n'"},
         {kCli + " base64 " + f, "base64 -w0 " + f + "; echo"},
         {kCli + " base64 --url <" + f, "base64 -w0 " + f + " | sed 's,+,%2B,g; s,/,%2F,g; s,=,%3D,g'; echo"},
         {"base64 " + f + " | " + kCli + " base64 -d", "cat " + f},

@@ -56,6 +56,12 @@ TEST(AesRecord, RefusesOverlongTextReadsOnlyTheTextItIsGivenAndTruncatesTheRecor
     ASSERT_EQ(tavro_aes_encrypt(tqtest::exact_copy("abc").get(), out, 16), 16);
     ASSERT_EQ(tavro_aes_encrypt(std::string("abc\0garbage-after-the-terminator", 32).c_str(), out2, 16), 16);
     EXPECT_EQ(std::memcmp(out, out2, 16), 0);
+    // An out buffer smaller than the ciphertext is refused and left untouched.
+    for (auto [text, size] : {std::pair{"abc", 15u}, {"sixteen chars...", 16u}}) {
+        auto small = tqtest::exact_copy<unsigned char>(std::string(size, '\xee'), size);
+        EXPECT_EQ(tavro_aes_encrypt(tqtest::exact_copy(text).get(), small.get(), size), -1) << text;
+        EXPECT_EQ(std::string(reinterpret_cast<char *>(small.get()), size), std::string(size, '\xee')) << text;
+    }
 
     ASSERT_EQ(tq::write_encrypt_str_to_file("/record", "first, a longer text than the second"), 0);
     ASSERT_EQ(tq::write_encrypt_str_to_file("/record", "second"), 0);

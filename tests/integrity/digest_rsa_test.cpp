@@ -82,7 +82,7 @@ int captured(Check check, const char *message, const char *signature, std::strin
 }
 
 // A fresh RSA key made by the openssl tool, its public half in both PEM
-// forms, under /keys of the library's root.
+// forms, and an EC public key, under /keys of the library's root.
 class RsaCheck : public testing::Test {
 protected:
     void SetUp() override
@@ -90,7 +90,9 @@ protected:
         fx_.mkdir("/keys");
         tqtest::run("cd " + fx_.host("/keys") + " && openssl genrsa -out key.pem 2048 2>/dev/null" +
                     " && openssl rsa -in key.pem -RSAPublicKey_out -out pkcs1.pem 2>/dev/null" +
-                    " && openssl rsa -in key.pem -pubout -out spki.pem 2>/dev/null");
+                    " && openssl rsa -in key.pem -pubout -out spki.pem 2>/dev/null" +
+                    " && openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 2>/dev/null" +
+                    " | openssl pkey -pubout -out ec.pem");
     }
 
     void provision(const std::string &name) { fx_.copy(tq::kPublicKeyPath, fx_.host("/keys/" + name)); }
@@ -136,7 +138,7 @@ TEST_F(RsaCheck, AcceptsWhatOpensslSignedAndNothingElse)
     EXPECT_TRUE(leaks.clean());
 }
 
-TEST_F(RsaCheck, TakesOnlyAPkcs1KeyAndExplainsEachRefusal)
+TEST_F(RsaCheck, TakesBothPemFormsOfAnRsaKeyAndExplainsEachRefusal)
 {
     tqtest::LeakCheck leaks;
     const std::string sig = sign("m"), no_key = "Failed to load public key\n",
@@ -147,8 +149,8 @@ TEST_F(RsaCheck, TakesOnlyAPkcs1KeyAndExplainsEachRefusal)
         std::string err;
     } cases[] = {
         {nullptr, "m", sig.c_str(), "Error opening public key file: /etc/tavro-quenda/public.pem\n" + no_key},
-        // The same key as SubjectPublicKeyInfo is not the accepted form.
-        {"spki.pem", "m", sig.c_str(), "Error reading public key from file: /etc/tavro-quenda/public.pem\n" + no_key},
+        // A SubjectPublicKeyInfo key that is not RSA.
+        {"ec.pem", "m", sig.c_str(), "Error reading public key from file: /etc/tavro-quenda/public.pem\n" + no_key},
         {"pkcs1.pem", "m", " \r\n", bad_sig},
         {"pkcs1.pem", "m", "", bad_sig},
         {"pkcs1.pem", nullptr, sig.c_str(), null_arg},
@@ -161,7 +163,11 @@ TEST_F(RsaCheck, TakesOnlyAPkcs1KeyAndExplainsEachRefusal)
         EXPECT_EQ(captured(verify_signature, c.message, c.signature, &err), 0) << c.err;
         EXPECT_EQ(err, c.err);
     }
-    EXPECT_EQ(captured(verify_signature, "m", sig.c_str()), 1);
+    for (const char *key : {"pkcs1.pem", "spki.pem"}) {
+        provision(key);
+        EXPECT_EQ(captured(verify_signature, "m", sig.c_str()), 1) << key;
+    }
+    EXPECT_EQ(ERR_peek_error(), 0u);
     EXPECT_TRUE(leaks.clean());
 }
 

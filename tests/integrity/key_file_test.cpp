@@ -2,6 +2,7 @@
 #include <glib.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -64,10 +65,16 @@ TEST(KeyFile, ReadsRawValuesKeepsCommentsAndInteroperatesWithGLib)
     // Raw values: no unescaping or list parsing on the way in or out.
     key_file_set_value(ours.get(), "New", "List", "a;b;c\\n");
     key_file_set_value(ours.get(), "General", "Interval", "30");
+    // A line break would forge keys and groups once saved: refused, nothing set, and traced.
+    for (auto [group, key, value] : {std::tuple{"New\n[Forged]", "K", "v"}, {"New", "K\r", "v"}, {"New", "K", "v\nForged=1"}})
+        key_file_set_value(ours.get(), group, key, value);
+    for (const char *what : {"group", "key", "value"})
+        EXPECT_TRUE(contains(fx.trace_log(), std::string("key_file_set_value: the ") + what + " holds a line break"));
     gsize length = 0;
     const std::string data = take(key_file_to_data(ours.get(), &length));
     EXPECT_EQ(length, data.size());
     EXPECT_TRUE(contains(data, "[New]\nList=a;b;c\\n\n"));
+    EXPECT_FALSE(contains(data, "Forged") || contains(data, "K=")) << data;
     EXPECT_EQ(save(ours.get(), "/s.ini"), Lines{});
     EXPECT_EQ(fx.read("/s.ini"), data);
     EXPECT_TRUE(leaks.clean());
@@ -146,6 +153,34 @@ TEST(KeyFile, SavesOnlyChangedBytesWarnsWhenItCannotAndNeverWaitsOrFloodsMemory)
         [&kf] { return (load("/dense.ini") ? "ok|" : "<null>|") + std::to_string(save(kf.get(), "/dense.ini").size()); });
     EXPECT_EQ("ok|0", got.answer); // loaded, and compared before it is replaced
     EXPECT_TRUE(tqtest::within_memory_bound(got.grown_kib));
+}
+
+TEST(KeyFile, AReplacedFileKeepsItsModeAndOwnerAndANewOneIsNeverWritableByOthers)
+{
+    tqtest::Fixture fx;
+    tqtest::LeakCheck leaks;
+    KeyFile kf = load_settings(fx, "/s.ini");
+    ASSERT_TRUE(kf);
+    // umask, mode of the file before the save (0: none there), mode after it.
+    for (auto [mask, before, after] : {std::tuple{0u, 0u, 0644u}, {077u, 0u, 0600u}, {022u, 0600u, 0600u}, {0u, 0640u, 0640u}}) {
+        const std::string path = "/m" + std::to_string(mask) + "-" + std::to_string(before) + ".ini";
+        if (before)
+            fx.write(path, "[Old]\n", before);
+        const mode_t saved = ::umask(mask);
+        EXPECT_EQ(save(kf.get(), path), Lines{});
+        ::umask(saved);
+        EXPECT_EQ(stat_of(fx.host(path)).st_mode & 07777, after) << path;
+    }
+    EXPECT_TRUE(leaks.clean());
+
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "only root can save a file that another user owns";
+    fx.write("/theirs.ini", "[Old]\n", 0600);
+    ASSERT_EQ(::chown(fx.host("/theirs.ini").c_str(), 65534, 65534), 0);
+    EXPECT_EQ(save(kf.get(), "/theirs.ini"), Lines{});
+    const struct stat st = stat_of(fx.host("/theirs.ini"));
+    EXPECT_EQ(std::tuple(st.st_uid, st.st_gid, st.st_mode & 07777), std::tuple(65534u, 65534u, 0600u));
+    EXPECT_TRUE(contains(fx.read("/theirs.ini"), "[General]"));
 }
 
 } // namespace
