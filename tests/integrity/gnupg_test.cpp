@@ -398,8 +398,9 @@ TEST_F(Gnupg, NoCallChangesTheCallersEnvironmentOrLocaleAndPathDoesNotMatter)
     // The first row runs GPGME's own one-time set-up with an ordinary PATH,
     // and its answers are the ones every other row must give.
     std::vector<std::string> first;
-    for (const auto &[search, gnupghome] : {std::pair<std::string, const char *>{normal, home.c_str()},
-                                            {"", home.c_str()}, {"bin", nullptr}, {fx_.host("/fake") + ":" + normal, nullptr}}) {
+    using Caller = std::pair<std::string, const char *>; // PATH, GNUPGHOME (null: unset)
+    for (const auto &[search, gnupghome] : {Caller{normal, home.c_str()}, Caller{"", home.c_str()},
+                                            Caller{"bin", nullptr}, Caller{fx_.host("/fake") + ":" + normal, nullptr}}) {
         SCOPED_TRACE("PATH=" + search);
         ::setenv("PATH", search.c_str(), 1);
         gnupghome ? ::setenv("GNUPGHOME", gnupghome, 1) : ::unsetenv("GNUPGHOME");
@@ -446,8 +447,8 @@ TEST_F(Gnupg, EncryptionIsToTheBuiltInKeyAloneWhateverAGpgConfAround)
     const std::string packets = tqtest::run(kGpg + " --homedir '" + fx_.host("/home/list") + "' --batch --list-packets '" +
                                             fx_.host("/message.asc") + "' 2>/dev/null; true");
     const auto lines = tqtest::lines_of(packets);
-    EXPECT_EQ(1, std::count_if(lines.begin(), lines.end(), [](const std::string &l) { return l.rfind(":pubkey enc packet:", 0) == 0; }))
-        << packets;
+    const auto recipient = [](const std::string &line) { return line.rfind(":pubkey enc packet:", 0) == 0; };
+    EXPECT_EQ(1, std::count_if(lines.begin(), lines.end(), recipient)) << packets;
 }
 
 // A test-only key whose signing is done by a subkey.
@@ -464,7 +465,8 @@ TEST_F(Gnupg, ASignatureByASigningSubkeyOfTheTrustedKeyCounts)
         {other.c_str(), nullptr, false}, {nullptr, nullptr, false},        {other.c_str(), fpr.c_str(), true},
         {other.c_str(), lower.c_str(), false}};
     for (const auto &[signing, primary, trusted] : rows)
-        EXPECT_EQ(trusted, tq::trusted_signer(signing, primary)) << (signing ? signing : "null") << " " << (primary ? primary : "null");
+        EXPECT_EQ(trusted, tq::trusted_signer(signing, primary)) << (signing ? signing : "null") << " "
+                                                                  << (primary ? primary : "null");
 
     // A real subkey signature, as gpg and GPGME report it.
     fx_.mkdir("/home/sub");
