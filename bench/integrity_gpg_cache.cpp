@@ -37,8 +37,10 @@ struct Setup {
     {
         char tmpl[] = "/tmp/tq-bench-gnupg-XXXXXX";
         root = ::mkdtemp(tmpl) ? tmpl : "";
-        for (const char *dir : {"/tmp", "/var/log", "/data", "/home"})
+        for (const char *dir : {"/tmp", "/var/log", "/data", "/home", "/usr/bin"})
             fs::create_directories(root + dir);
+        // The library runs gpg by its absolute path, which lies under the root too.
+        fs::create_symlink("/usr/bin/gpg", root + "/usr/bin/gpg");
         host_path = root + path;
         fs::copy_file(kSignedFile, host_path, fs::copy_options::overwrite_existing);
         plain_home = root + "/home/gnupg";

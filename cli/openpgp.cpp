@@ -14,8 +14,9 @@
 
 namespace {
 
-// The library hands back at most this much signed text.
-constexpr size_t kMaxShownText = 4096;
+// The most signed text the library hands back: through gpg, and through GPGME.
+constexpr size_t kMaxCmdText = 4095;
+constexpr size_t kMaxGpgmeText = 4096;
 // Signed files worth checking are small; this only guards memory.
 constexpr size_t kMaxSignedFile = 64u << 20;
 // Plenty for a text meant for one small encrypted message.
@@ -56,7 +57,7 @@ const char *why(int32_t code)
     case 14:
     case 46: return "not signed by the trusted key";
     case 15: return "the clock is set before the trusted key was made";
-    case 16: return "cannot set up a private GnuPG home";
+    case 16: return "the check could not run (no private GnuPG home, or /usr/bin/gpg cannot run)";
     case 49: return "cannot read the file";
     case 50:
     case 51: return "bad signature";
@@ -160,8 +161,14 @@ int verify(int argc, char **argv)
             std::fwrite(content.get(), 1, length, stdout);
     }
     if (result == 0) {
-        if (!content)
-            fail(kOk, kCmd, "%s: signed text is longer than %zu bytes and is not shown", input.shown(), kMaxShownText);
+        std::string data;
+        if (!content && read_whole(kCmd, input.path(), kMaxSignedFile, data) == kOk) {
+            if (data.find("-----BEGIN PGP SIGNED MESSAGE-----") == std::string::npos)
+                fail(kOk, kCmd, "%s: signed, but not clear-signed, so no text is returned", input.shown());
+            else
+                fail(kOk, kCmd, "%s: signed text is longer than %zu bytes and is not shown", input.shown(),
+                     verifier == gpg_verify ? kMaxGpgmeText : kMaxCmdText);
+        }
         return kOk;
     }
     return fail(is_verdict(reason) ? kNo : kSystem, kCmd, "%s: %s", input.shown(), reason_text);

@@ -222,16 +222,26 @@ TAVRO_QUENDA_API int tavro_quenda_rsa_check(const char *message, const char *sig
 /* ------------------------------------------------------------------------
  * Data integrity: OpenPGP verification and encryption (built-in trusted key)
  * Codes: 0 good; 1 gpg --verify failed; 14 key missing; 15 clock before the
- * key's creation; 16 no private home, key file, import or context; 44 bad input
+ * key's creation; 16 no private home, key file, import or context, or gpg
+ * could not run (such a 16 is never cached); 44 bad input
  * text; 45 encryption failed; 46 signer not trusted; 49 file unreadable;
  * 50 red summary; 51 bad signature; 52 other signature error; 53 unsigned;
  * 100 no output object.
  * ------------------------------------------------------------------------ */
 
-/* gpg_verify_cmd and gpg_verify_cmd_cached read the file once (a regular file
- * of at most 4 MiB; anything else gives 1), have gpg verify a private copy of
- * those bytes and cut the body from the same bytes, so a file changed during
- * the call cannot change the answer; the cache is keyed on those bytes too.
+/* Every OpenPGP function works in a private GnuPG home of its own holding the
+ * trusted key alone, runs /usr/bin/gpg without a shell, and leaves the
+ * process environment (GNUPGHOME), locale and signal dispositions as they
+ * were. A signature by a valid signing subkey of the trusted key counts as
+ * the key's; a signature over no text is a failure (1).
+ *
+ * gpg_verify_cmd and gpg_verify_cmd_cached read the file once (a regular file
+ * of at most 4 MiB; anything else gives 1) and have gpg verify a private copy
+ * of those bytes, so a file changed during the call cannot change the answer;
+ * the cache is keyed on those bytes too. Unlike a body cut out of the file,
+ * the text handed back (at most 4095 bytes) is the one gpg wrote out for the
+ * signature it checked: trailing blanks, CRs, dash escapes and extra armour
+ * headers that the signature does not cover cannot change it.
  * A file that holds anything but one clear-signed message (text before or
  * after it, a second message, a marker that is not alone at the start of its
  * line) gives 1 even when gpg accepts a signature in it. A signed file with no
@@ -239,8 +249,12 @@ TAVRO_QUENDA_API int tavro_quenda_rsa_check(const char *message, const char *sig
 TAVRO_QUENDA_API int32_t gpg_verify_cmd(const char *path, char **content, size_t *content_len) TAVRO_QUENDA_NOEXCEPT;
 TAVRO_QUENDA_API int32_t gpg_verify_cmd_cached(const char *path, char **content, size_t *content_len) TAVRO_QUENDA_NOEXCEPT;
 /* Streams a regular file to gpg (49 for a FIFO, a device or an unreadable
- * path) and keeps at most 4097 bytes of the signed text in memory. */
+ * path) and keeps at most 4097 bytes of the signed text in memory. Unlike a
+ * GPGME set-up through GNUPGHOME, the private home is given to the GPGME
+ * context alone; without one the result is 16, never the caller's home. */
 TAVRO_QUENDA_API int32_t gpg_verify(const char *path, char **content, size_t *content_len) TAVRO_QUENDA_NOEXCEPT;
+/* Encrypts to the trusted key alone, in a private home of its own: unlike the
+ * caller's home, no gpg.conf there can add a recipient. */
 TAVRO_QUENDA_API int32_t gpg_encrypt(const char *text, char **armoured, size_t *armoured_len) TAVRO_QUENDA_NOEXCEPT;
 /* Body of a clear-signed message into body (terminated); 0 or -1. */
 TAVRO_QUENDA_API int32_t extract_signed_message(const char *text, char *body, size_t *body_len) TAVRO_QUENDA_NOEXCEPT;

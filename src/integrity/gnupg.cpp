@@ -4,9 +4,8 @@
 #include "integrity/gnupg.h"
 
 #include <fcntl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <openssl/evp.h>
@@ -24,6 +23,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <vector>
 
 #include "foundation/os.h"
 #include "foundation/strutil.h"
@@ -63,7 +63,11 @@ constexpr char kSignatureMarker[] = "-----BEGIN PGP SIGNATURE-----";
 constexpr char kSignatureEnd[] = "-----END PGP SIGNATURE-----";
 constexpr size_t kCustomInfoSize = 4096;  // get_custom_info's buffer
 constexpr size_t kVerifiedTextMax = 4096; // longest text gpg_verify hands back
-constexpr size_t kCommandMax = 512;       // gpg command lines stay below this
+constexpr size_t kCmdTextMax = 4095;      // longest text the command-line verifiers hand back
+// Where the verifiers find gpg, whatever PATH holds.
+constexpr char kGpgProgram[] = "/usr/bin/gpg";
+// What gpg says about the signatures it checked: a few lines for each.
+constexpr size_t kStatusMax = 1024 * 1024;
 // A signed file is read once, whole, and must fit in this; a larger one fails
 // verification. Real signed data files are a few KiB.
 constexpr size_t kSignedFileMax = 4 * 1024 * 1024;
@@ -144,91 +148,88 @@ bool write_all(int fd, const void *data, size_t size) noexcept
 }
 
 // gpg starts a key agent for an import when none runs for the home, and that
-// agent would outlive the throw-away home. Our homes never need one.
-bool disable_agent_autostart(const char *home) noexcept
+// agent would outlive the throw-away home. Our homes never need one. Nor do
+// they keep a random seed file: GPGME leaves its gpg to end on its own, and
+// one that saves the seed as it ends could write into a home already removed.
+bool write_private_conf(const char *home) noexcept
 {
-    static constexpr char kConf[] = "no-autostart\n";
+    static constexpr char kConf[] = "no-autostart\nno-random-seed-file\n";
     char conf[sizeof(kHomeTemplate) + sizeof("/gpg.conf")];
     std::snprintf(conf, sizeof(conf), "%s/gpg.conf", home);
     UniqueFD fd = os::open(conf, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
     return fd && write_all(fd.get(), kConf, sizeof(kConf) - 1);
 }
 
-// Where the key agent of the current GnuPG home listens, as gpgconf tells it
-// ("" when it cannot tell).
-std::string agent_socket_path()
+// A new private GnuPG home holding only our gpg.conf, or nothing when none
+// could be made; `who` names the caller in the trace.
+bool make_private_home(const char *who, std::optional<TempHome> &home)
 {
-    os::Pipe pipe = os::popen("gpgconf --list-dirs agent-socket 2>/dev/null");
-    if (!pipe)
-        return {};
-    char line[PATH_MAX + 1];
-    std::string escaped;
-    if (std::fgets(line, sizeof(line), pipe.get()))
-        escaped = line;
-    if (pipe.close() != 0)
-        return {};
-    // gpgconf percent-escapes some characters.
-    std::string path;
-    for (size_t i = 0; i < escaped.size(); ++i) {
-        char c = escaped[i];
-        if (c == '\n' || c == '\r')
-            break;
-        if (c == '%' && i + 2 < escaped.size()) {
-            path += static_cast<char>(std::strtol(escaped.substr(i + 1, 2).c_str(), nullptr, 16));
-            i += 2;
-        } else {
-            path += c;
-        }
+    char dir[sizeof(kHomeTemplate)];
+    std::memcpy(dir, kHomeTemplate, sizeof(dir));
+    if (!os::mkdtemp(dir)) {
+        quenda_trace("gpg_verify, create tmp dir failed");
+        return false;
     }
-    return path;
+    quenda_trace("%s, create tmp dir success, dirName = %s", who, dir);
+    home.emplace(dir);
+    if (!write_private_conf(home->path())) {
+        quenda_trace("%s, cannot write gpg.conf in %s", who, dir);
+        return false;
+    }
+    return true;
 }
 
-bool agent_listening(const std::string &socket_path) noexcept
-{
-    struct sockaddr_un addr {};
-    if (socket_path.empty() || socket_path.size() >= sizeof(addr.sun_path))
-        return false;
-    UniqueFD fd = os::socket(AF_UNIX, SOCK_STREAM, 0);
-    if (!fd)
-        return false;
-    addr.sun_family = AF_UNIX;
-    std::memcpy(addr.sun_path, socket_path.c_str(), socket_path.size() + 1);
-    return ::connect(fd.get(), reinterpret_cast<const struct sockaddr *>(&addr), sizeof(addr)) == 0;
-}
-
-// In a home we do not own (the caller's), gpg may start a key agent for our
-// import. Stop it again when this call started it, so that nothing the call
-// started outlives it; an agent that was running before is left alone.
-class AgentGuard {
+// gpg's argument list for one action in a private home, and the command it
+// amounts to as a text for the trace. A relative file name that starts with
+// '-' gets "./" so that gpg cannot take it for an option.
+class GpgArgs {
 public:
-    AgentGuard() : socket_(agent_socket_path()), was_running_(agent_listening(socket_)) {}
-    AgentGuard(const AgentGuard &) = delete;
-    AgentGuard &operator=(const AgentGuard &) = delete;
-    ~AgentGuard()
+    GpgArgs(std::string_view homedir, std::initializer_list<std::string_view> options, std::string_view file)
     {
-        if (!socket_.empty() && !was_running_ && agent_listening(socket_))
-            os::system("gpgconf --kill gpg-agent > /dev/null 2>&1");
+        words_ = {std::string(kGpgProgram), "--homedir", os::host_path(homedir), "--no-tty", "--batch"};
+        for (std::string_view option : options)
+            words_.emplace_back(option);
+        std::string path = os::host_path(file);
+        if (!path.empty() && path.front() == '-')
+            path.insert(0, "./");
+        words_.push_back(std::move(path));
+        for (const std::string &word : words_)
+            argv_.push_back(word.c_str());
+        argv_.push_back(nullptr);
+    }
+    GpgArgs(const GpgArgs &) = delete;
+    GpgArgs &operator=(const GpgArgs &) = delete;
+    const char *const *argv() const noexcept { return argv_.data(); }
+    std::string text() const
+    {
+        std::string line;
+        for (const std::string &word : words_)
+            line += (line.empty() ? "" : " ") + word;
+        return line;
     }
 
 private:
-    std::string socket_;
-    bool was_running_;
+    std::vector<std::string> words_;
+    std::vector<const char *> argv_;
 };
 
-// A gpg command line in a private home. Every path is quoted for the shell,
-// and a relative file name that starts with '-' gets "./" so that gpg cannot
-// take it for an option. A line that would not fit is not run at all: cutting
-// it could leave a shorter, different path.
-std::optional<std::string> gpg_command(std::string_view action, std::string_view homedir, std::string_view file)
+// How a gpg run ended, as far as a verification is concerned.
+enum class GpgEnd {
+    success, // exit status 0
+    refusal, // gpg's own "no" (exit status 1 or 2): a verdict on the data
+    no_run,  // not started, cut off at the time limit, killed, or any other status
+};
+
+GpgEnd gpg_end(const os::Child &child) noexcept
 {
-    std::string file_path(file);
-    if (!file_path.empty() && file_path.front() == '-')
-        file_path.insert(0, "./");
-    std::string line = "gpg --homedir " + os::path_arg(homedir) + " --no-tty --batch --" + std::string(action) + " " +
-                       os::path_arg(file_path) + " > /dev/null 2>&1";
-    if (line.size() >= kCommandMax)
-        return std::nullopt;
-    return line;
+    if (!child.started || child.status == -1 || !WIFEXITED(child.status))
+        return GpgEnd::no_run;
+    switch (WEXITSTATUS(child.status)) {
+    case 0: return GpgEnd::success;
+    case 1:
+    case 2: return GpgEnd::refusal;
+    default: return GpgEnd::no_run;
+    }
 }
 
 // A new temporary file holding the trusted key; its path, or null.
@@ -338,67 +339,111 @@ char *body_from_content(std::string_view bytes, size_t *body_len) noexcept
     return body.release();
 }
 
-// Verifies bytes (a signed file's whole content) with gpg and cuts the body
-// from the very same bytes: gpg reads a private copy in the private home, so
-// nothing done to the caller's file afterwards changes the answer.
-int32_t verify_content(const std::string &bytes, char **content, size_t *content_len)
+// The answer of one command-line verification. `settled` is false when the
+// answer says nothing about the file (no private home, gpg could not run or
+// was cut off): such an answer is never remembered.
+struct CmdOutcome {
+    int32_t result;
+    bool settled;
+};
+
+// Runs gpg --verify on a file in a private home. On success, *text receives
+// the text gpg verified, as gpg itself writes it out, and *status what gpg
+// said about the signatures.
+GpgEnd gpg_verify_text(const char *homedir, const char *path, std::string *text, std::string *status)
 {
-    char dir[sizeof(kHomeTemplate)];
-    std::memcpy(dir, kHomeTemplate, sizeof(dir));
-    if (!os::mkdtemp(dir)) {
-        quenda_trace("gpg_verify, create tmp dir failed");
-        return kNoPrivateHome;
+    const std::string status_file = std::string(homedir) + "/status";
+    GpgArgs args(homedir, {"--status-file", os::host_path(status_file), "--output", "-", "--verify"}, path);
+    os::Child child = os::spawn(args.argv());
+    const GpgEnd end = gpg_end(child);
+    if (end == GpgEnd::success && !os::read_input(status_file.c_str(), kStatusMax, status))
+        return GpgEnd::no_run;
+    quenda_trace(end == GpgEnd::success ? "run_verify verify return success" : "run_verify verify return failed");
+    *text = std::move(child.out);
+    return end;
+}
+
+// Verifies bytes (a signed file's whole content) with gpg in a private home
+// that holds only the trusted key, and hands back the text gpg itself wrote
+// out for that verification. Unlike cutting the body out of the file, this
+// gives exactly what the signature covers: gpg ignores trailing blanks, CRs
+// and dash escapes, and skips extra armour headers when it checks. gpg reads
+// a private copy, so nothing done to the caller's file meanwhile counts.
+CmdOutcome verify_content(const std::string &bytes, char **content, size_t *content_len)
+{
+    // A clear-signed file must be exactly one message; a file without any
+    // clear-signing armour hands back no text, whatever gpg says of it.
+    const bool clear_signed = one_clear_signed_message(bytes);
+    if (!clear_signed && mentions_clear_signing(bytes)) {
+        quenda_trace("get_custom_info failed");
+        return {kVerifyFailed, true};
     }
-    quenda_trace("gpg_verify_cmd, create tmp dir success, dirName = %s", dir);
-    TempHome home(dir);
-    if (!disable_agent_autostart(home.path())) {
-        quenda_trace("gpg_verify_cmd, cannot write gpg.conf in %s", dir);
-        return kNoPrivateHome;
+    if (os::access(kGpgProgram, X_OK) != 0) {
+        quenda_trace("gpg_verify_cmd, cannot run %s", kGpgProgram);
+        return {kNoPrivateHome, false};
     }
+    std::optional<TempHome> home;
+    if (!make_private_home("gpg_verify_cmd", home))
+        return {kNoPrivateHome, false};
 
     TempFile key_file(make_temp_pubkey());
     if (!key_file.path()) {
         quenda_trace("write_temp_pubkey failed");
-        return kNoPrivateHome;
+        return {kNoPrivateHome, false};
     }
-    std::optional<std::string> import = gpg_command("import", home.path(), key_file.path());
-    if (!import || os::system(*import) != 0) {
-        quenda_trace("gpg_verify, import key failed = %s", import ? import->c_str() : "(command too long)");
-        return kNoPrivateHome;
+    GpgArgs import(home->path(), {"--import"}, key_file.path());
+    if (gpg_end(os::spawn(import.argv())) != GpgEnd::success) {
+        quenda_trace("gpg_verify, import key failed = %s", import.text().c_str());
+        return {kNoPrivateHome, false};
     }
 
-    const std::string copy = std::string(home.path()) + "/signed.asc";
+    const std::string copy = std::string(home->path()) + "/signed.asc";
     {
         UniqueFD fd = os::open(copy.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
         if (!fd || !write_all(fd.get(), bytes.data(), bytes.size()) || ::close(fd.release()) != 0) {
             quenda_trace("gpg_verify_cmd, cannot write %s", copy.c_str());
-            return kNoPrivateHome;
+            return {kNoPrivateHome, false};
         }
     }
-    // A clear-signed file must be exactly one message; a file without any
-    // clear-signing armour hands back no text, whatever gpg says of it.
-    const bool clear_signed = one_clear_signed_message(bytes);
-    if (!run_verify(dir, copy.c_str()) || (!clear_signed && mentions_clear_signing(bytes))) {
-        quenda_trace("get_custom_info failed");
-        return kVerifyFailed;
+    std::string text, status;
+    switch (gpg_verify_text(home->path(), copy.c_str(), &text, &status)) {
+    case GpgEnd::success: break;
+    case GpgEnd::refusal: quenda_trace("get_custom_info failed"); return {kVerifyFailed, true};
+    case GpgEnd::no_run:
+        quenda_trace("gpg_verify_cmd, %s did not run to its end", kGpgProgram);
+        return {kNoPrivateHome, false};
     }
-    char *body = clear_signed ? body_from_content(bytes, content_len) : nullptr;
-    if (content)
-        *content = body;
-    else
-        std::free(body);
-    return kGood;
+    // The keyring holds the trusted key alone; the status is checked all the same.
+    if (!status_from_trusted_keys(status) || text.empty()) {
+        quenda_trace("get_custom_info failed");
+        return {kVerifyFailed, true};
+    }
+    if (clear_signed && text.size() <= kCmdTextMax) {
+        CString body(dup_c(text));
+        if (body && content_len)
+            *content_len = text.size();
+        *content = body.release();
+    } else {
+        *content = nullptr;
+    }
+    return {kGood, true};
 }
 
-int32_t verify_cmd(const char *path, char **content, size_t *content_len)
+CmdOutcome verify_cmd(const char *path, char **content, size_t *content_len)
 {
     std::string bytes;
     int64_t mtime = 0;
     if (!read_signed_file(path, &bytes, &mtime)) {
         quenda_trace("gpg_verify_cmd, cannot read %s", path ? path : "(null)");
-        return kVerifyFailed;
+        return {kVerifyFailed, true};
     }
-    return verify_content(bytes, content, content_len);
+    char *text = nullptr;
+    CmdOutcome outcome = verify_content(bytes, &text, content_len);
+    if (outcome.result == kGood && content)
+        *content = text;
+    else
+        std::free(text);
+    return outcome;
 }
 
 Sha256Digest sha256_of(std::string_view bytes) noexcept
@@ -444,15 +489,20 @@ int32_t verify_cmd_cached(const char *path, char **content, size_t *content_len)
 
     char *raw = nullptr;
     size_t size = 0;
-    int32_t result = verify_content(bytes, &raw, &size);
-    CString body(raw);
-    guarded_void([&] { gpg_cache_insert(path, mtime, digest, result, body.get(), size); });
+    const CmdOutcome outcome = verify_content(bytes, &raw, &size);
+    CString text(outcome.result == kGood ? raw : nullptr);
+    if (outcome.result != kGood)
+        std::free(raw);
+    // Only what gpg said about these bytes is remembered; a run that could not
+    // happen is tried again next time.
+    if (outcome.settled)
+        guarded_void([&] { gpg_cache_insert(path, mtime, digest, outcome.result, text.get(), size); });
     if (content) {
-        *content = body.release();
+        *content = text.release();
         if (content_len)
-            *content_len = size;
+            *content_len = *content ? size : 0;
     }
-    return result;
+    return outcome.result;
 }
 
 // Where gpg_verify's gpg writes the signed text: the text is kept only up to
@@ -461,6 +511,8 @@ int32_t verify_cmd_cached(const char *path, char **content, size_t *content_len)
 class CappedText {
 public:
     static gpgme_data_cbs callbacks;
+    // Bytes written, kept or not.
+    uint64_t size() const noexcept { return total_; }
 
 private:
     static ssize_t read(void *handle, void *buffer, size_t size) noexcept
@@ -502,35 +554,46 @@ private:
 
 gpgme_data_cbs CappedText::callbacks = {CappedText::read, CappedText::write, CappedText::seek, nullptr};
 
-void set_gpgme_locale() noexcept
+// A GPGME context whose gpg is kGpgProgram working in home, with the caller's
+// current character set and message language handed to it. Unlike GPGME's
+// usual set-up, nothing here goes through the process: GNUPGHOME and the
+// process locale are left as the caller has them, and the home is given to
+// this context alone. Null when gpg cannot run or the context cannot be made.
+UniqueCtx private_context(const char *who, const char *home)
 {
     gpgme_check_version(nullptr);
-    std::setlocale(LC_ALL, "");
-    gpgme_set_locale(nullptr, LC_CTYPE, std::setlocale(LC_CTYPE, nullptr));
+    if (os::access(kGpgProgram, X_OK) != 0) {
+        quenda_trace("%s, cannot run %s", who, kGpgProgram);
+        return nullptr;
+    }
+    gpgme_ctx_t raw = nullptr;
+    if (gpgme_new(&raw) != 0)
+        return nullptr;
+    UniqueCtx ctx(raw);
+    if (gpgme_ctx_set_engine_info(ctx.get(), GPGME_PROTOCOL_OpenPGP, os::host_path(kGpgProgram).c_str(),
+                                  os::host_path(home).c_str()) != 0) {
+        quenda_trace("%s, GPGME cannot use %s", who, kGpgProgram);
+        return nullptr;
+    }
+    // setlocale() with a null locale only asks.
+    for (int category : {LC_CTYPE, LC_MESSAGES}) {
+        const char *name = std::setlocale(category, nullptr);
+        if (name)
+            gpgme_set_locale(ctx.get(), category, name);
+    }
+    return ctx;
 }
 
 int32_t verify_gpgme(const char *path, char **content, size_t *content_len)
 {
-    // GNUPGHOME points at a private home for the rest of the process: GPGME's
-    // gpg reads it from the environment.
-    char dir[sizeof(kHomeTemplate)];
-    std::memcpy(dir, kHomeTemplate, sizeof(dir));
+    // Without a private home there is no keyring that holds the trusted key
+    // alone, and the caller's own home is never written to.
     std::optional<TempHome> home;
-    bool own_home_ready = false;
-    if (os::mkdtemp(dir)) {
-        quenda_trace("gpg_verify, create tmp dir success, dirName = %s", dir);
-        home.emplace(dir);
-        own_home_ready = disable_agent_autostart(home->path());
-        ::setenv("GNUPGHOME", os::host_path(dir).c_str(), 1);
-    } else {
-        quenda_trace("gpg_verify, create tmp dir failed");
-    }
-
-    set_gpgme_locale();
-    gpgme_ctx_t raw_ctx = nullptr;
-    if (gpgme_new(&raw_ctx) != 0)
+    if (!make_private_home("gpg_verify", home))
         return kNoPrivateHome;
-    UniqueCtx ctx(raw_ctx);
+    UniqueCtx ctx = private_context("gpg_verify", home->path());
+    if (!ctx)
+        return kNoPrivateHome;
 
     // The signed file is streamed to gpg from one descriptor, never copied
     // into memory; only a regular file is read.
@@ -545,26 +608,31 @@ int32_t verify_gpgme(const char *path, char **content, size_t *content_len)
         return kNoOutput;
     UniqueData text(raw);
 
-    std::optional<AgentGuard> agent;
-    if (!own_home_ready)
-        agent.emplace();
     import_trusted_keys(ctx.get());
     if (gpgme_op_verify(ctx.get(), signed_file.get(), nullptr, text.get()) != 0)
         return kVerifyFailed;
     int32_t result = evaluate_verify_result(ctx.get());
+    // A signature over no text (a detached one with nothing beside it)
+    // vouches for nothing.
+    if (result == kGood && sink.size() == 0)
+        return kVerifyFailed;
     if (result == kGood && content)
         read_verified_text(text.get(), content, content_len);
     return result;
 }
 
+// Encrypts in a private home of its own that holds the trusted key alone, so
+// that no gpg.conf (such as one with extra hidden recipients) nor any key of
+// the caller's home takes part.
 int32_t encrypt_gpgme(const char *input, char **armoured, size_t *armoured_len)
 {
     const time_t now = std::time(nullptr);
-    set_gpgme_locale();
-    gpgme_ctx_t raw_ctx = nullptr;
-    if (gpgme_new(&raw_ctx) != 0)
+    std::optional<TempHome> home;
+    if (!make_private_home("gpg_encrypt", home))
         return kNoPrivateHome;
-    UniqueCtx ctx(raw_ctx);
+    UniqueCtx ctx = private_context("gpg_encrypt", home->path());
+    if (!ctx)
+        return kNoPrivateHome;
     gpgme_set_armor(ctx.get(), 1);
 
     gpgme_data_t raw = nullptr;
@@ -576,7 +644,6 @@ int32_t encrypt_gpgme(const char *input, char **armoured, size_t *armoured_len)
         return kNoOutput;
     UniqueData cipher(raw);
 
-    AgentGuard agent;
     import_trusted_keys(ctx.get());
     const TrustedKey &trusted = trusted_key[0];
     gpgme_key_t raw_key = nullptr;
@@ -662,21 +729,77 @@ void import_trusted_keys(gpgme_ctx_t ctx) noexcept
     }
 }
 
-bool signatures_from_trusted_keys(gpgme_signature_t signatures) noexcept
+bool trusted_signer(const char *signing_fpr, const char *primary_fpr, std::span<const TrustedKey> keys) noexcept
+{
+    for (const TrustedKey &key : keys) {
+        if (signing_fpr && (std::strcmp(signing_fpr, key.fingerprint) == 0 || std::strcmp(signing_fpr, key.key_id) == 0))
+            return true;
+        if (primary_fpr && std::strcmp(primary_fpr, key.fingerprint) == 0)
+            return true;
+    }
+    return false;
+}
+
+namespace {
+
+// The primary key's fingerprint when fpr names a valid signing subkey of a
+// key in ctx's keyring; "" otherwise.
+std::string primary_of_signing_subkey(gpgme_ctx_t ctx, const char *fpr)
+{
+    gpgme_key_t raw = nullptr;
+    if (!ctx || !fpr || gpgme_get_key(ctx, fpr, &raw, 0) != 0 || !raw)
+        return {};
+    UniqueKey key(raw);
+    if (!key->subkeys || !key->subkeys->fpr || key->revoked || key->expired || key->disabled || key->invalid)
+        return {};
+    for (gpgme_subkey_t sub = key->subkeys->next; sub; sub = sub->next) {
+        if (sub->fpr && std::strcmp(sub->fpr, fpr) == 0 && sub->can_sign && !sub->revoked && !sub->expired &&
+            !sub->disabled && !sub->invalid)
+            return key->subkeys->fpr;
+    }
+    return {};
+}
+
+} // namespace
+
+bool signatures_from_trusted_keys(gpgme_ctx_t ctx, gpgme_signature_t signatures, std::span<const TrustedKey> keys)
 {
     for (gpgme_signature_t sig = signatures; sig; sig = sig->next) {
-        bool trusted = false;
-        for (size_t i = 0; i < kTrustedKeyCount && !trusted; ++i) {
-            trusted = sig->fpr && (std::strcmp(sig->fpr, trusted_key[i].fingerprint) == 0 ||
-                                   std::strcmp(sig->fpr, trusted_key[i].key_id) == 0);
-        }
-        if (!trusted)
+        if (trusted_signer(sig->fpr, nullptr, keys))
+            continue;
+        const std::string primary = primary_of_signing_subkey(ctx, sig->fpr);
+        if (primary.empty() || !trusted_signer(sig->fpr, primary.c_str(), keys))
             return false;
     }
     return true;
 }
 
-int32_t evaluate_verify_result(gpgme_ctx_t ctx) noexcept
+bool status_from_trusted_keys(std::string_view status, std::span<const TrustedKey> keys)
+{
+    static constexpr std::string_view kValid = "[GNUPG:] VALIDSIG ";
+    size_t valid = 0;
+    for (size_t pos = 0; pos < status.size();) {
+        size_t nl = status.find('\n', pos);
+        std::string_view line = status.substr(pos, nl == std::string_view::npos ? nl : nl - pos);
+        pos = nl == std::string_view::npos ? status.size() : nl + 1;
+        if (line.substr(0, kValid.size()) != kValid)
+            continue;
+        // VALIDSIG <signing fpr> <date> <time> <expires> <version> <reserved>
+        //          <pubkey algo> <hash algo> <class> <primary fpr>
+        std::vector<std::string> fields;
+        for (size_t at = kValid.size(); at < line.size();) {
+            size_t sp = line.find(' ', at);
+            fields.emplace_back(line.substr(at, sp == std::string_view::npos ? sp : sp - at));
+            at = sp == std::string_view::npos ? line.size() : sp + 1;
+        }
+        if (fields.empty() || !trusted_signer(fields[0].c_str(), fields.size() >= 10 ? fields[9].c_str() : nullptr, keys))
+            return false;
+        ++valid;
+    }
+    return valid > 0;
+}
+
+int32_t evaluate_verify_result(gpgme_ctx_t ctx, std::span<const TrustedKey> keys)
 {
     gpgme_verify_result_t result = gpgme_op_verify_result(ctx);
     gpgme_signature_t sig = result ? result->signatures : nullptr;
@@ -693,7 +816,7 @@ int32_t evaluate_verify_result(gpgme_ctx_t ctx) noexcept
             return kBadSignature;
         return kSignatureError;
     }
-    return signatures_from_trusted_keys(sig) ? kGood : kUntrustedSigner;
+    return signatures_from_trusted_keys(ctx, sig, keys) ? kGood : kUntrustedSigner;
 }
 
 void read_verified_text(gpgme_data_t text, char **content, size_t *content_len) noexcept
@@ -792,16 +915,16 @@ char *write_temp_pubkey(void) noexcept { return tq::make_temp_pubkey().release()
 int32_t run_verify(const char *homedir, const char *path) noexcept
 {
     return tq::guarded<int32_t>(0, [&]() -> int32_t {
-        std::optional<std::string> line;
         // gpg would wait on a FIFO and read a device or a huge file to its
         // end: only a regular file of signed-file size is handed to it.
         struct stat st;
         tq::UniqueFD fd = path ? tq::os::open_input(path) : tq::UniqueFD();
-        if (homedir && fd && ::fstat(fd.get(), &st) == 0 && static_cast<uint64_t>(st.st_size) <= tq::kSignedFileMax)
-            line = tq::gpg_command("verify", homedir, path);
-        if (line && tq::os::system(*line) == 0) {
-            quenda_trace("run_verify verify return success");
-            return 1;
+        if (homedir && fd && ::fstat(fd.get(), &st) == 0 && static_cast<uint64_t>(st.st_size) <= tq::kSignedFileMax) {
+            tq::GpgArgs args(homedir, {"--verify"}, path);
+            if (tq::gpg_end(tq::os::spawn(args.argv())) == tq::GpgEnd::success) {
+                quenda_trace("run_verify verify return success");
+                return 1;
+            }
         }
         quenda_trace("run_verify verify return failed");
         return 0;
@@ -810,7 +933,7 @@ int32_t run_verify(const char *homedir, const char *path) noexcept
 
 int32_t gpg_verify_cmd(const char *path, char **content, size_t *content_len) noexcept
 {
-    return tq::guarded<int32_t>(tq::kNoPrivateHome, [&] { return tq::verify_cmd(path, content, content_len); });
+    return tq::guarded<int32_t>(tq::kNoPrivateHome, [&] { return tq::verify_cmd(path, content, content_len).result; });
 }
 
 int32_t gpg_verify_cmd_cached(const char *path, char **content, size_t *content_len) noexcept

@@ -9,6 +9,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -53,10 +54,22 @@ size_t gpg_cache_count() noexcept;
 
 // Imports every trusted key into ctx's keyring; failures are ignored.
 void import_trusted_keys(gpgme_ctx_t ctx) noexcept;
+// True when a signature made by the key signing_fpr (a fingerprint, or the
+// key ID a verifier gives when it lacks the key) whose primary key is
+// primary_fpr (null when unknown) is one of keys': either the key itself, or
+// a signing subkey of it. The callers hand in a primary fingerprint only for a
+// subkey that gpg found valid for signing.
+bool trusted_signer(const char *signing_fpr, const char *primary_fpr,
+                    std::span<const TrustedKey> keys = trusted_key) noexcept;
 // Result code of the verification just run in ctx.
-int32_t evaluate_verify_result(gpgme_ctx_t ctx) noexcept;
-// True when every signature was made by a trusted key.
-bool signatures_from_trusted_keys(gpgme_signature_t signatures) noexcept;
+int32_t evaluate_verify_result(gpgme_ctx_t ctx, std::span<const TrustedKey> keys = trusted_key);
+// True when every signature was made by one of keys or a valid signing subkey
+// of it (looked up in ctx's keyring).
+bool signatures_from_trusted_keys(gpgme_ctx_t ctx, gpgme_signature_t signatures,
+                                  std::span<const TrustedKey> keys = trusted_key);
+// The same for what gpg --status-file wrote for a verification that ended
+// with status 0: at least one valid signature, and each one by keys.
+bool status_from_trusted_keys(std::string_view status, std::span<const TrustedKey> keys = trusted_key);
 // The signed text of a successful verification (up to 4096 bytes), malloc()ed.
 void read_verified_text(gpgme_data_t text, char **content, size_t *content_len) noexcept;
 // Result code of the encryption just run in ctx.

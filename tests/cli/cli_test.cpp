@@ -51,7 +51,7 @@ Outcome run_cli(const std::string &args) { return run_shell(kCli + " " + args); 
 TEST(Cli, EveryOutcomeHasItsExitStatusAndSaysWhy)
 {
     tqtest::Fixture d; // a scratch directory, the rows' working directory; the tool runs on the real system
-    for (const char *name : {"/hello-dev.asc", "/hello-other.asc", "/big-dev.asc"})
+    for (const char *name : {"/hello-dev.asc", "/hello-other.asc", "/big-dev.asc", "/hello-dev.gpg"})
         d.copy(name, TQ_GNUPG_DATA + std::string(name));
     for (auto [name, text] : {std::pair{"/plain.txt", "just text\n"}, {"/empty", ""}, {"/app.conf", "[G]\nK=v\n"},
                               {"/short.b64", "YWJ\n"}})
@@ -88,7 +88,9 @@ TEST(Cli, EveryOutcomeHasItsExitStatusAndSaysWhy)
          "{\n  \"file\": \"hello-other.asc\",\n  \"result\": 1,\n  \"good\": false,\n  \"text\": null\n}\n"},
         {"verify --gpgme --cached x", 2, "verify: --gpgme and --cached cannot be used together"},
         {"verify /x", 3, "verify: /x: No such file or directory"},
-        {"verify big-dev.asc", 0, "verify: big-dev.asc: signed text is longer than 4096 bytes and is not shown"},
+        {"verify big-dev.asc", 0, "verify: big-dev.asc: signed text is longer than 4095 bytes and is not shown"},
+        {"verify hello-dev.gpg", 0, "verify: hello-dev.gpg: signed, but not clear-signed, so no text is returned",
+         "result: 0\n"},
         {"encrypt <.", 3, "encrypt: standard input: Is a directory"},
         {"digest --md5 --sha1 x", 2, "digest: --md5 and --sha1 cannot be used together"},
         {"digest empty 0000000000000000000000000000000000000000000000000000000000000000", 1,
@@ -125,6 +127,19 @@ TEST(Cli, EveryOutcomeHasItsExitStatusAndSaysWhy)
         EXPECT_FALSE(tqtest::contains(r.err, "GLib")) << r.err; // the tool speaks in its own words
     }
     EXPECT_EQ(access(d.host("/rec").c_str(), F_OK), -1) << "a refused record text must not create the file";
+}
+
+TEST(Cli, AGpgThatCannotRunIsASystemError)
+{
+    // /usr/bin/gpg is hidden in a mount namespace of the tool's own.
+    if (geteuid() != 0 || run_shell("unshare -m true").status != 0)
+        GTEST_SKIP() << "hiding /usr/bin/gpg needs root and mount namespaces";
+    for (const char *how : {"", "--cached ", "--gpgme "}) {
+        Outcome r = run_shell("unshare -m sh -c 'mount --bind /dev/null /usr/bin/gpg && exec " + kCli + " verify " + how +
+                              TQ_GNUPG_DATA "/hello-dev.asc'");
+        EXPECT_EQ(r.status, 3) << how << r.err;
+        EXPECT_TRUE(tqtest::contains(r.err, "/usr/bin/gpg cannot run")) << how << r.err;
+    }
 }
 
 TEST(Cli, HelpOfEveryCommandExitsZeroAndAgreesWithTheManualPage)

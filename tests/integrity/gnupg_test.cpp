@@ -6,6 +6,7 @@
 #include <ctime>
 #include <filesystem>
 #include <optional>
+#include <tuple>
 #include <thread>
 
 #include "built_program.h"
@@ -30,8 +31,8 @@ std::string tampered_hello()
     return text.replace(text.find("hello\n"), 6, "hellO\n");
 }
 
-// The real gpg, found before a test puts a wrapper in front of it.
-std::string real_gpg() { return tqtest::run("command -v gpg | tr -d '\\n'"); }
+// The gpg the library runs, by this absolute path whatever PATH holds.
+const std::string kGpg = "/usr/bin/gpg";
 
 // Live gpg-agent processes whose command line mentions needle (a zombie's is empty).
 int agents_mentioning(const std::string &needle)
@@ -84,6 +85,7 @@ protected:
         fs::permissions(fx_.host("/home/gnupg"), fs::perms::owner_all);
         ::setenv("GNUPGHOME", fx_.host("/home/gnupg").c_str(), 1);
         leaks_.emplace(tqtest::gnupg_temp_prefixes());
+        wrap_gpg();
     }
 
     void TearDown() override
@@ -101,9 +103,10 @@ protected:
         return "/data/" + name;
     }
 
-    // Wraps the real gpg so that each start is counted; the shell text first runs before it.
-    void wrap_gpg(std::string first = "") { fx_.path_script("gpg", first + "\nexec '" + real_gpg() + "' \"$@\""); }
-    size_t gpg_starts() const { return fx_.calls("gpg").size(); }
+    // The library's gpg under the fixture's root: the real one, each start
+    // counted; the shell text first runs before it.
+    void wrap_gpg(std::string first = "") { fx_.script(kGpg, first + "\nexec " + kGpg + " \"$@\""); }
+    size_t gpg_starts() const { return fx_.calls(kGpg).size(); }
 
     tqtest::Fixture fx_;
     std::optional<tqtest::LeakCheck> leaks_;
@@ -116,7 +119,7 @@ class SignedGnupg : public Gnupg {
     {
         Gnupg::SetUp();
         if (!tq::generated::kTrustedKeyIsDevelopment)
-            GTEST_SKIP() << "the development key is not embedded";
+            GTEST_SKIP() << "the signed fixtures need the development key, which this build does not trust";
     }
 };
 
@@ -179,7 +182,8 @@ TEST_F(Gnupg, TrustedKeyRecordMatchesWhatGpgSaysAndTheTempKeyFileHoldsIt)
 TEST_F(SignedGnupg, EachVerifierAcceptsOnlyTheTrustedKeyWhateverThePathAndLeavesNoAgent)
 {
     const std::string hello = data("hello-dev.asc"), big = data("big-dev.asc"), other = data("hello-other.asc"),
-                      tampered = tampered_hello(), plain = "just text\n";
+                      tampered = tampered_hello(), plain = "just text\n", binary = data("hello-dev.gpg"),
+                      detached = data("empty-dev.asc");
     const std::string ok = "0|hello\n|6", no = "1|<null>|-", cached_no = "1|<null>|0";
     const struct {
         std::string name;
@@ -191,6 +195,10 @@ TEST_F(SignedGnupg, EachVerifierAcceptsOnlyTheTrustedKeyWhateverThePathAndLeaves
         {"it's a $(touch pwned) `touch pwned2`; file.asc", &hello, ok, ok, ok},
         // A good signature over a text too long to hand back.
         {"big.asc", &big, "0|<null>|-", "0|<null>|0", "0|<null>|-"},
+        // Signed, but not clear-signed: only GPGME hands the text back.
+        {"hello.gpg", &binary, "0|<null>|-", "0|<null>|0", ok},
+        // A detached signature over empty data, alone: it vouches for no text.
+        {"empty.asc", &detached, no, cached_no, no},
         {"other.asc", &other, no, cached_no, "14|<null>|-"},
         // gpg marks a bad signature red, and red is asked before the status code.
         {"tampered.asc", &tampered, no, cached_no, "50|<null>|-"},
@@ -207,8 +215,6 @@ TEST_F(SignedGnupg, EachVerifierAcceptsOnlyTheTrustedKeyWhateverThePathAndLeaves
     }
     for (Verifier verify : {gpg_verify_cmd, gpg_verify_cmd_cached, gpg_verify})
         EXPECT_EQ(0, verify("/data/hello.asc", nullptr, nullptr));
-    // GNUPGHOME stays on the (removed) private home of the last GPGME verification.
-    EXPECT_EQ(0u, std::string(::getenv("GNUPGHOME")).rfind(fx_.host("/tmp/gpgdir-"), 0));
     const std::string log = fx_.trace_log();
     // The private homes' removal is seen only in the trace.
     for (const char *trace : {"run_verify verify return success", "remove_directory: /tmp/gpgdir-"})
@@ -229,29 +235,47 @@ TEST_F(SignedGnupg, EachVerifierAcceptsOnlyTheTrustedKeyWhateverThePathAndLeaves
         EXPECT_FALSE(fs::exists(fx_.host("/data/") + planted) || fs::exists(cwd / planted)) << planted;
 }
 
-TEST_F(SignedGnupg, CommandLineVerifiersAcceptOnlyOneClearSignedMessageAndReturnItsBody)
+// Replaces the first match of from in text.
+std::string edited(std::string text, const std::string &from, const std::string &to)
 {
-    const std::string hello = data("hello-dev.asc"), no = "1|<null>|-";
+    return text.replace(text.find(from), from.size(), to);
+}
+
+TEST_F(SignedGnupg, EachVerifierHandsBackTheTextGpgVerifiedOfOneClearSignedMessage)
+{
+    const std::string hello = data("hello-dev.asc"), no = "1|<null>|-", ok = "0|hello\n|6";
+    std::string crlf;
+    for (char c : hello)
+        crlf += c == '\n' ? "\r\n" : std::string(1, c);
     // gpg skips text around the block it verifies; a forged block whose
     // markers carry a prefix was once cut out as the body.
     const std::string forged = "x-----BEGIN PGP SIGNED MESSAGE-----\nHash: SHA512\n\nforged\n"
                                "x-----BEGIN PGP SIGNATURE-----\n\n";
-    const std::pair<std::string, std::string> rows[] = {
-        {forged + hello, no}, {hello + hello, no}, {"text\n" + hello, no}, {hello + "text\n", no},
-        {hello + "x-----BEGIN PGP SIGNATURE-----\n", no},
-        {hello + hello.substr(hello.find("-----BEGIN PGP SIGNATURE-----")), no},
+    const struct {
+        std::string text, by_cmd, by_gpgme;
+    } rows[] = {
+        {forged + hello, no, ok}, {hello + hello, no, no}, {"text\n" + hello, no, ok}, {hello + "text\n", no, ok},
+        {hello + "x-----BEGIN PGP SIGNATURE-----\n", no, ok},
+        {hello + hello.substr(hello.find("-----BEGIN PGP SIGNATURE-----")), no, ok},
         // Blank lines around the one message are fine.
-        {"\n \n" + hello + "\n\t\n", "0|hello\n|6"},
+        {"\n \n" + hello + "\n\t\n", ok, ok},
+        // Edits the signature does not see: the text is gpg's, never the edited one.
+        {edited(hello, "hello\n", "hello \t \n"), ok, ok},
+        {edited(hello, "hello\n", "- hello\n"), ok, ok},
+        {edited(hello, "Hash: SHA512\n", "Hash: SHA512\nHash: SHA256\n"), ok, ok},
+        {edited(hello, "hello\n", "hello\r\n"), "0|hello\r\n|7", "0|hello\r\n|7"},
+        {crlf, "0|hello\r\n|7", "0|hello\r\n|7"},
     };
     int i = 0;
-    for (const auto &[text, want] : rows) {
-        const std::string path = put("wrapped" + std::to_string(++i) + ".asc", text);
-        EXPECT_EQ(want, outcome(gpg_verify_cmd, path)) << text;
-        // The cached route hands back a zero length with a refusal.
-        EXPECT_EQ(want == no ? "1|<null>|0" : want, outcome(gpg_verify_cmd_cached, path)) << text;
+    for (const auto &row : rows) {
+        const std::string path = put("wrapped" + std::to_string(++i) + ".asc", row.text);
+        EXPECT_EQ(row.by_cmd, outcome(gpg_verify_cmd, path)) << row.text;
+        // The cached route hands back a zero length with a refusal, and the same again from the cache.
+        const std::string cached = row.by_cmd == no ? "1|<null>|0" : row.by_cmd;
+        EXPECT_EQ(cached, outcome(gpg_verify_cmd_cached, path)) << row.text;
+        EXPECT_EQ(cached, outcome(gpg_verify_cmd_cached, path)) << row.text;
+        EXPECT_EQ(row.by_gpgme, outcome(gpg_verify, path)) << row.text;
     }
-    // GPGME hands back what gpg verified, whatever surrounds it.
-    EXPECT_EQ("0|hello\n|6", outcome(gpg_verify, "/data/wrapped1.asc"));
 }
 
 TEST_F(SignedGnupg, AFileReplacedRightAfterGpgReadItChangesNothing)
@@ -261,7 +285,7 @@ TEST_F(SignedGnupg, AFileReplacedRightAfterGpgReadItChangesNothing)
                                data("hello-dev.asc").substr(data("hello-dev.asc").find("-----BEGIN PGP SIGNATURE"));
     fx_.write("/forged.asc", forged);
     // Right after each verification, gpg replaces the caller's file by the forged one.
-    wrap_gpg("case \"$*\" in *--verify*) '" + real_gpg() + "' \"$@\"; rc=$?; cp '" + fx_.host("/forged.asc") + "' '" +
+    wrap_gpg("case \"$*\" in *--verify*) " + kGpg + " \"$@\"; rc=$?; cp '" + fx_.host("/forged.asc") + "' '" +
              fx_.host(path) + "'; exit $rc;; esac");
     for (Verifier verify : {gpg_verify_cmd, gpg_verify_cmd_cached}) {
         EXPECT_EQ("0|hello\n|6", outcome(verify, path));
@@ -289,20 +313,42 @@ TEST_F(SignedGnupg, AFifoADeviceOrAHugeFileIsRefusedWithoutWaitingOrFloodingMemo
     fs::remove(fx_.host("/tmp/home"));
 }
 
-TEST_F(SignedGnupg, WithoutAPrivateHomeTheCommandLineGives16AndGpgmeUsesTheCurrentOne)
+TEST_F(SignedGnupg, WhenGpgCannotRunOrNoPrivateHomeCanBeMadeTheAnswerIs16AndNeverRemembered)
 {
-    const std::string path = put("hello.asc", data("hello-dev.asc"));
-    wrap_gpg("case \"$*\" in *--import*) exit 2;; esac");
-    EXPECT_EQ("16|<null>|-", outcome(gpg_verify_cmd, path));
-    EXPECT_EQ(1u, gpg_starts());
-
-    fs::remove(fx_.host("/tmp"));
-    EXPECT_EQ("16|<null>|-", outcome(gpg_verify_cmd, path));
-    EXPECT_EQ(1u, gpg_starts());
-    EXPECT_EQ("0|hello\n|6", outcome(gpg_verify, path));
-    EXPECT_EQ(fx_.host("/home/gnupg"), ::getenv("GNUPGHOME"));
-    EXPECT_TRUE(fs::exists(fx_.host("/home/gnupg/pubring.kbx")));
-    fx_.mkdir("/tmp");
+    const std::string ok = "0|hello\n|6", no_run = "16|<null>|-";
+    const struct {
+        const char *what;
+        std::string gpg; // shell text before the real gpg runs; empty: no gpg at all
+        std::string by_cmd, by_gpgme;
+    } rows[] = {
+        {"no gpg", "", no_run, no_run},
+        {"the import fails", "case \"$*\" in *--import*) exit 2;; esac", no_run, "14|<null>|-"},
+        {"gpg is killed", "case \"$*\" in *--verify*) kill -KILL $$;; esac", no_run, ok},
+        {"gpg runs past the time limit", "case \"$*\" in *--verify*) sleep 2;; esac", no_run, ok},
+        {"no /tmp", "mv", no_run, no_run},
+    };
+    tq::os::testing::set_helper_time_limit_ms(1000);
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.what);
+        const std::string path = put(std::to_string(&row - rows) + ".asc", data("hello-dev.asc"));
+        if (row.gpg.empty())
+            fs::remove(fx_.host(kGpg));
+        else if (row.gpg == "mv")
+            fs::rename(fx_.host("/tmp"), fx_.host("/tmp-away"));
+        else
+            wrap_gpg(row.gpg);
+        EXPECT_EQ(row.by_cmd, outcome(gpg_verify_cmd, path));
+        EXPECT_EQ("16|<null>|0", outcome(gpg_verify_cmd_cached, path));
+        EXPECT_EQ(row.by_gpgme, outcome(gpg_verify, path));
+        if (row.gpg == "mv")
+            fs::rename(fx_.host("/tmp-away"), fx_.host("/tmp"));
+        // Nothing of it was remembered, and the caller's home was never used.
+        wrap_gpg();
+        EXPECT_EQ(ok, outcome(gpg_verify_cmd_cached, path));
+        EXPECT_FALSE(fs::exists(fx_.host("/home/gnupg/pubring.kbx")));
+        EXPECT_EQ(fx_.host("/home/gnupg"), ::getenv("GNUPGHOME"));
+    }
+    tq::os::testing::set_helper_time_limit_ms(0);
 }
 
 TEST_F(SignedGnupg, CacheStartsGpgOnlyForANewOrChangedFileAndKeepsTheTenNewest)
@@ -335,26 +381,119 @@ TEST_F(SignedGnupg, CacheStartsGpgOnlyForANewOrChangedFileAndKeepsTheTenNewest)
     EXPECT_EQ(28u, gpg_starts());
 }
 
-TEST(GnupgResults, UnsignedAndUntrustedSignaturesAreTold)
+TEST_F(Gnupg, NoCallChangesTheCallersEnvironmentOrLocaleAndPathDoesNotMatter)
 {
+    const std::string path = put("hello.asc", data("hello-dev.asc"));
+    // Planted gpg and gpgconf programs that leave a mark when they run.
+    const std::string planted = "#!/bin/sh\ntouch '" + fx_.host("/planted-ran") + "'\nexit 0\n";
+    for (const char *name : {"/data/gpg", "/data/gpgconf", "/data/bin/gpg", "/data/bin/gpgconf", "/fake/gpg"})
+        fx_.write(name, planted, 0755);
+    const char *saved_path = ::getenv("PATH");
+    const std::string normal = saved_path ? saved_path : "/usr/bin:/bin";
+    // The process locale is "C" while the environment asks for another one.
+    ::setenv("LC_ALL", "C.UTF-8", 1);
+    const fs::path cwd = fs::current_path();
+    fs::current_path(fx_.host("/data"));
+    const std::string home = fx_.host("/home/gnupg");
+    // The first row runs GPGME's own one-time set-up with an ordinary PATH,
+    // and its answers are the ones every other row must give.
+    std::vector<std::string> first;
+    using Caller = std::pair<std::string, const char *>; // PATH, GNUPGHOME (null: unset)
+    for (const auto &[search, gnupghome] : {Caller{normal, home.c_str()}, Caller{"", home.c_str()},
+                                            Caller{"bin", nullptr}, Caller{fx_.host("/fake") + ":" + normal, nullptr}}) {
+        SCOPED_TRACE("PATH=" + search);
+        ::setenv("PATH", search.c_str(), 1);
+        gnupghome ? ::setenv("GNUPGHOME", gnupghome, 1) : ::unsetenv("GNUPGHOME");
+        const std::string locale = std::setlocale(LC_ALL, nullptr);
+        char *armoured = nullptr;
+        const int32_t encrypted = gpg_encrypt("text", &armoured, nullptr);
+        const std::vector<std::string> answers = {outcome(gpg_verify_cmd, path), outcome(gpg_verify_cmd_cached, path),
+                                                  outcome(gpg_verify, path), std::to_string(encrypted),
+                                                  tqtest::take(armoured).substr(0, 27)};
+        if (first.empty())
+            first = answers;
+        EXPECT_EQ(first, answers);
+        EXPECT_EQ(locale, std::setlocale(LC_ALL, nullptr));
+        const char *now = ::getenv("GNUPGHOME");
+        EXPECT_EQ(std::string(gnupghome ? gnupghome : "<unset>"), now ? now : "<unset>");
+    }
+    fs::current_path(cwd);
+    ::setenv("PATH", normal.c_str(), 1);
+    ::unsetenv("LC_ALL");
+    EXPECT_FALSE(fs::exists(fx_.host("/planted-ran")));
+    const std::vector<std::string> good = {"0|hello\n|6", "0|hello\n|6", "0|hello\n|6", "0",
+                                           "-----BEGIN PGP MESSAGE-----"};
+    EXPECT_TRUE(!tq::generated::kTrustedKeyIsDevelopment || first == good);
+}
+
+TEST_F(Gnupg, EncryptionIsToTheBuiltInKeyAloneWhateverAGpgConfAround)
+{
+    // A second key and a gpg.conf that adds it as a hidden recipient (one
+    // packet all the same where the build trusts that very key), in
+    // the caller's home and in a folder named like the library's homes.
+    for (const std::string home : {"/home/gnupg", "/tmp/gpgdir-planted"}) {
+        fx_.mkdir(home);
+        fs::permissions(fx_.host(home), fs::perms::owner_all);
+        fx_.write(home + "/gpg.conf", "no-autostart\nhidden-encrypt-to 07B9F611D2C4E8E1\n");
+        shell(kGpg + " --homedir '" + fx_.host(home) + "' --batch --import '" + kTestKeys + "other-secret.gpg' 2>/dev/null");
+    }
+    char *armoured = nullptr;
+    ASSERT_EQ(0, gpg_encrypt("a secret\n", &armoured, nullptr));
+    fx_.write("/message.asc", tqtest::take(armoured));
+    fs::remove_all(fx_.host("/tmp/gpgdir-planted"));
+    fx_.mkdir("/home/list");
+    fs::permissions(fx_.host("/home/list"), fs::perms::owner_all);
+    fx_.write("/home/list/gpg.conf", "no-autostart\n");
+    const std::string packets = tqtest::run(kGpg + " --homedir '" + fx_.host("/home/list") + "' --batch --list-packets '" +
+                                            fx_.host("/message.asc") + "' 2>/dev/null; true");
+    const auto lines = tqtest::lines_of(packets);
+    const auto recipient = [](const std::string &line) { return line.rfind(":pubkey enc packet:", 0) == 0; };
+    EXPECT_EQ(1, std::count_if(lines.begin(), lines.end(), recipient)) << packets;
+}
+
+// A test-only key whose signing is done by a subkey.
+const tq::TrustedKey kSubkeyKey = {nullptr, 0, "77217DC81CED619F7B74C8C1D23AFA2B2FCFB862", "D23AFA2B2FCFB862", 0};
+
+TEST_F(Gnupg, ASignatureByASigningSubkeyOfTheTrustedKeyCounts)
+{
+    const std::string fpr = tq::trusted_key[0].fingerprint, key_id = tq::trusted_key[0].key_id, other(40, '0');
+    std::string lower = fpr;
+    std::transform(fpr.begin(), fpr.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
+    // By fingerprint or key ID, with the case as given; or a subkey whose primary key is the trusted one.
+    const std::tuple<const char *, const char *, bool> rows[] = {
+        {fpr.c_str(), nullptr, true},   {key_id.c_str(), nullptr, true}, {lower.c_str(), nullptr, false},
+        {other.c_str(), nullptr, false}, {nullptr, nullptr, false},        {other.c_str(), fpr.c_str(), true},
+        {other.c_str(), lower.c_str(), false}};
+    for (const auto &[signing, primary, trusted] : rows)
+        EXPECT_EQ(trusted, tq::trusted_signer(signing, primary)) << (signing ? signing : "null") << " "
+                                                                  << (primary ? primary : "null");
+
+    // A real subkey signature, as gpg and GPGME report it.
+    fx_.mkdir("/home/sub");
+    const std::string home = fx_.host("/home/sub"), signed_file = kSource + "/tests/integrity/data/gnupg/hello-subkey.asc";
+    fs::permissions(home, fs::perms::owner_all);
+    fx_.write("/home/sub/gpg.conf", "no-autostart\n");
+    tqtest::run(kGpg + " --homedir '" + home + "' --batch --import '" + kTestKeys + "subkey-public.gpg' 2>/dev/null");
+    const std::string status = tqtest::run(kGpg + " --homedir '" + home + "' --batch --status-fd 1 --verify '" +
+                                           signed_file + "' 2>/dev/null");
+    EXPECT_TRUE(tq::status_from_trusted_keys(status, {&kSubkeyKey, 1})) << status;
+    EXPECT_FALSE(tq::status_from_trusted_keys(status)) << status;
+    EXPECT_FALSE(tq::status_from_trusted_keys("", {&kSubkeyKey, 1}));
+
     gpgme_check_version(nullptr);
     gpgme_ctx_t ctx = nullptr;
     ASSERT_EQ(0u, gpgme_new(&ctx));
     EXPECT_EQ(53, tq::evaluate_verify_result(ctx)); // nothing verified: no signature
+    ASSERT_EQ(0u, gpgme_ctx_set_engine_info(ctx, GPGME_PROTOCOL_OpenPGP, kGpg.c_str(), home.c_str()));
+    gpgme_data_t in = nullptr, out = nullptr;
+    ASSERT_EQ(0u, gpgme_data_new_from_file(&in, signed_file.c_str(), 1));
+    ASSERT_EQ(0u, gpgme_data_new(&out));
+    ASSERT_EQ(0u, gpgme_op_verify(ctx, in, nullptr, out));
+    EXPECT_EQ(0, tq::evaluate_verify_result(ctx, {&kSubkeyKey, 1}));
+    EXPECT_EQ(46, tq::evaluate_verify_result(ctx));
+    gpgme_data_release(in);
+    gpgme_data_release(out);
     gpgme_release(ctx);
-
-    // Every signature must come from the trusted key, by fingerprint or key ID, with the case as given.
-    std::string fpr = tq::trusted_key[0].fingerprint, key_id = tq::trusted_key[0].key_id, other(40, '0'), lower = fpr;
-    std::transform(fpr.begin(), fpr.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
-    _gpgme_signature second{}, first{};
-    first.next = &second;
-    first.fpr = fpr.data();
-    using Case = std::pair<char *, bool>;
-    for (const auto &[second_fpr, trusted] :
-         {Case{key_id.data(), true}, Case{other.data(), false}, Case{lower.data(), false}, Case{nullptr, false}}) {
-        second.fpr = second_fpr;
-        EXPECT_EQ(trusted, tq::signatures_from_trusted_keys(&first)) << (second_fpr ? second_fpr : "null");
-    }
 }
 
 TEST_F(SignedGnupg, EncryptedTextDecryptsWithTheDevelopmentSecretKey)
