@@ -26,7 +26,7 @@ constexpr char kMounts[] = "/proc/mounts";
 constexpr char kCommandLine[] = "/proc/cmdline";
 // Far beyond the longest kernel command line any architecture allows.
 constexpr size_t kCommandLineMax = 1024 * 1024;
-// lsblk's places to look for the program, in order (no PATH search).
+// Where lsblk is looked for, in this order; never through PATH.
 constexpr const char *kLsblkPaths[] = {"/usr/bin/lsblk", "/bin/lsblk"};
 
 struct JsonDeleter {
