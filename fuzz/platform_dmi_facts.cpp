@@ -2,7 +2,9 @@
 // Arbitrary dmidecode output and DMI attribute files. The fact read from a
 // command's output stream and the fact read from a file's first bytes must be
 // the same text: at most 1023 bytes of the first line, without CR, LF or zero
-// bytes. The placeholder and maker tests run on every answer.
+// bytes. The placeholder and maker tests run on every answer, and every
+// in-process dmidecode filter prints at most one line per line of input.
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -10,12 +12,20 @@
 
 #include "foundation/fileutil.h"
 #include "fuzz_stream.h"
+#include "platform/dmidecode_pipeline.h"
 #include "platform/machine_family.h"
 #include "platform/system_uuid.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     std::string bytes(reinterpret_cast<const char *>(data), size);
+    const size_t input_lines = static_cast<size_t>(std::count(bytes.begin(), bytes.end(), '\n')) + 1;
+    for (const tq::DmidecodePipeline *pipeline : tq::kDmidecodePipelines) {
+        std::string out = tq::filter_dmidecode_report(*pipeline, bytes);
+        if (pipeline->filter != tq::DmidecodeFilter::kWhole &&
+            static_cast<size_t>(std::count(out.begin(), out.end(), '\n')) > input_lines)
+            std::abort();
+    }
     auto from_output = fuzz::parse_stream(bytes, [](FILE *stream) { return tq::read_fact_line(stream); });
     if (!from_output)
         return 0;

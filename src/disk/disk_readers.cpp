@@ -82,6 +82,18 @@ std::string smartctl_value(const char *piece)
 
 } // namespace
 
+std::optional<std::string> helper_output(std::initializer_list<std::string> argv)
+{
+    std::vector<const char *> args;
+    for (const std::string &arg : argv)
+        args.push_back(arg.c_str());
+    args.push_back(nullptr);
+    os::Child child = os::spawn(args.data());
+    if (!child.started)
+        return std::nullopt;
+    return std::move(child.out);
+}
+
 bool is_device_mapper_path(std::string_view path) noexcept { return path.substr(0, 11) == "/dev/mapper"; }
 
 int is_whole_disk(const char *path) noexcept { return path ? os::probe_is_whole_disk(path) : 0; }
@@ -274,13 +286,11 @@ std::optional<std::string> harddisk_id_lsblk(std::string name)
 {
     if (os::access(kLsblk, R_OK | X_OK) != 0)
         return std::nullopt;
-    os::Pipe pipe = os::popen(std::string(kLsblk) + " -Jp -o name,serial,model");
-    if (!pipe)
+    std::optional<std::string> out = helper_output({kLsblk, "-Jp", "-o", "name,serial,model"});
+    if (!out)
         return std::nullopt;
-    std::string json(kLsblkReadMax, '\0');
-    json.resize(std::fread(json.data(), 1, kLsblkReadMax, pipe.get()));
-    pipe.close();
-    return lsblk_identity_from_json(json, name);
+    // Only the start of the output counts, as one 16383-byte read took it.
+    return lsblk_identity_from_json(std::string(cut(*out, kLsblkReadMax)), name);
 }
 
 std::optional<std::string> parse_smartctl_identity(std::string_view report)
@@ -316,13 +326,10 @@ std::optional<std::string> harddisk_id_smartctl(const char *path)
     if (!path || os::access(kSmartctl, R_OK | X_OK) != 0 || !os::realpath(path, resolved) ||
         !is_block_device(resolved))
         return std::nullopt;
-    os::Pipe pipe = os::popen(std::string(kSmartctl) + " -i " + os::path_arg(resolved));
-    if (!pipe)
+    std::optional<std::string> report = helper_output({kSmartctl, "-i", os::host_path(resolved)});
+    if (!report)
         return std::nullopt;
-    std::string report;
-    read_all(pipe.get(), report);
-    pipe.close();
-    return parse_smartctl_identity(report);
+    return parse_smartctl_identity(*report);
 }
 
 std::optional<std::string> harddisk_id_nvme_new(const char *name)

@@ -30,16 +30,6 @@ bool contains(std::string_view text, std::string_view word) { return text.find(w
 // Starts with prefix, compared over the prefix's length as strncmp() does.
 bool starts_with(std::string_view text, std::string_view prefix) { return text.substr(0, prefix.size()) == prefix; }
 
-std::string run_and_read(const std::string &command, bool *started)
-{
-    std::string out;
-    os::Pipe pipe = os::popen(command);
-    *started = static_cast<bool>(pipe);
-    if (pipe)
-        read_all(pipe.get(), out);
-    return out;
-}
-
 } // namespace
 
 bool lsblk_type_is_lvm(std::string_view output)
@@ -58,12 +48,11 @@ int is_logical_volume(const char *path)
 {
     if (!path || os::access(kLsblk, R_OK | X_OK) != 0)
         return 0;
-    bool started = false;
-    std::string out = run_and_read(std::string(kLsblk) + " -n -o \"TYPE\" " + os::path_arg(path), &started);
-    if (!started)
+    std::optional<std::string> out = helper_output({kLsblk, "-n", "-o", "TYPE", os::host_path(path)});
+    if (!out)
         return 0;
     // No output at all counts as a logical volume too.
-    return lsblk_type_is_lvm(out) ? 1 : 0;
+    return lsblk_type_is_lvm(*out) ? 1 : 0;
 }
 
 std::string report_value(std::string_view line, std::string_view label)
@@ -138,11 +127,10 @@ std::optional<std::string> harddisk_id_lvm(const char *path)
     if (!path || os::access(kLvdisplay, R_OK | X_OK) != 0 || os::access(kPvdisplay, R_OK | X_OK) != 0 ||
         !os::realpath(path, resolved) || !is_block_device(resolved))
         return std::nullopt;
-    bool started = false;
-    std::string vg = lvdisplay_volume_group(run_and_read(std::string(kLvdisplay) + " " + os::path_arg(path), &started));
+    std::string vg = lvdisplay_volume_group(helper_output({kLvdisplay, os::host_path(path)}).value_or(""));
     if (vg.empty())
         return std::nullopt;
-    std::optional<std::string> pv = pvdisplay_physical_volume(run_and_read(kPvdisplay, &started), vg);
+    std::optional<std::string> pv = pvdisplay_physical_volume(helper_output({kPvdisplay}).value_or(""), vg);
     if (!pv)
         return std::nullopt;
     return harddisk_id_smartctl(unencrypted_physical_volume(*pv).c_str());

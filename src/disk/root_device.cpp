@@ -4,7 +4,9 @@
 #include <cjson/cJSON.h>
 #include <mntent.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -24,6 +26,8 @@ constexpr char kMounts[] = "/proc/mounts";
 constexpr char kCommandLine[] = "/proc/cmdline";
 // Far beyond the longest kernel command line any architecture allows.
 constexpr size_t kCommandLineMax = 1024 * 1024;
+// Where lsblk is looked for, in this order; never through PATH.
+constexpr const char *kLsblkPaths[] = {"/usr/bin/lsblk", "/bin/lsblk"};
 
 struct JsonDeleter {
     void operator()(cJSON *tree) const noexcept { cJSON_Delete(tree); }
@@ -194,9 +198,14 @@ std::optional<std::string> root_device()
     return std::nullopt;
 }
 
-std::optional<std::string> find_root_disk(const std::string &json)
+std::optional<std::string> find_root_disk(std::string_view json)
 {
-    Json tree(cJSON_Parse(json.c_str()));
+    // A parsed tree costs tens of times its text, so text larger than any
+    // real lsblk output is refused before parsing, as unreadable output is.
+    json = up_to_nul(json);
+    if (json.size() > kLsblkJsonMax)
+        return std::nullopt;
+    Json tree(cJSON_ParseWithLength(json.data(), json.size()));
     if (!tree) {
         if (const char *where = cJSON_GetErrorPtr())
             std::fprintf(stderr, "JSON parse error: %s\n", where);
@@ -228,14 +237,21 @@ std::optional<std::string> find_root_disk(const std::string &json)
 
 std::optional<std::string> get_lsblk_output()
 {
-    os::Pipe pipe = os::popen("lsblk -J");
-    if (!pipe) {
+    const char *lsblk = nullptr;
+    for (const char *path : kLsblkPaths) {
+        if (!lsblk && os::access(path, X_OK) == 0)
+            lsblk = path;
+    }
+    std::optional<std::string> out;
+    if (lsblk)
+        out = helper_output({lsblk, "-J"});
+    else
+        errno = ENOENT;
+    if (!out) {
         std::perror("Failed to run lsblk");
         return std::nullopt;
     }
     // All of it: machines with many disks print far more than a page.
-    std::string out;
-    read_all(pipe.get(), out);
     return out;
 }
 
@@ -262,7 +278,10 @@ char *find_root_disk(const char *json) noexcept
 {
     if (!json)
         return nullptr;
-    return tq::guarded<char *>(nullptr, [&] { return tq::dup_optional(tq::find_root_disk(json)); });
+    // Past the cap the length alone decides: the rest is never read.
+    return tq::guarded<char *>(nullptr, [&] {
+        return tq::dup_optional(tq::find_root_disk(std::string_view(json, ::strnlen(json, tq::kLsblkJsonMax + 1))));
+    });
 }
 
 } // extern "C"

@@ -2,6 +2,7 @@
 // Finding the block device that holds the root file system (internal).
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -33,9 +34,17 @@ std::optional<std::string> read_first_line(const char *path);
 std::optional<std::string> command_line_get_root_device_name(const char *path);
 std::optional<std::string> root_device();
 
-// Name of the disk whose partition lsblk shows mounted on "/". Parse problems
-// are written to standard error.
-std::optional<std::string> find_root_disk(const std::string &json);
+// The largest lsblk JSON that find_root_disk() parses: real output is a few
+// KiB even on machines with hundreds of disks.
+inline constexpr size_t kLsblkJsonMax = 512 * 1024;
+// Name of the disk whose partition lsblk shows mounted on "/", in json up to
+// its first zero byte; nullopt for text longer than kLsblkJsonMax. Parse
+// problems are written to standard error.
+std::optional<std::string> find_root_disk(std::string_view json);
+// The whole output of "lsblk -J". Unlike a plain "lsblk -J" command line,
+// lsblk is started directly from /usr/bin/lsblk, else /bin/lsblk, and never
+// looked up through PATH: a service with a careless PATH would run whatever
+// a folder on it holds.
 std::optional<std::string> get_lsblk_output();
 
 } // namespace tq

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -67,6 +68,11 @@ inline bool read_all(FILE *stream, std::string &out)
         out.append(chunk, n);
     return !std::ferror(stream);
 }
+
+// Standard output of the helper program argv[0] (an absolute path), started
+// directly with argv as its arguments, never through a shell or PATH;
+// nullopt when it could not be started.
+std::optional<std::string> helper_output(std::initializer_list<std::string> argv);
 
 // At most the first n bytes of text.
 inline std::string_view cut(std::string_view text, size_t n) { return text.substr(0, std::min(n, text.size())); }

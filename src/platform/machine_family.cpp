@@ -9,7 +9,7 @@
 #include "foundation/fileutil.h"
 #include "foundation/os.h"
 #include "foundation/strutil.h"
-#include "platform/firmware_facts.h"
+#include "platform/dmidecode_pipeline.h"
 #include "tavro-quenda.h"
 
 namespace tq {
@@ -19,9 +19,6 @@ constexpr char kCpuinfo[] = "/proc/cpuinfo";
 constexpr char kBootProductName[] = "/proc/bootdevice/product_name";
 constexpr char kBootCid[] = "/proc/bootdevice/cid";
 constexpr const char *kKirinNeedles[] = {"kirin990", "kirin9006c", "kirin9a0"};
-constexpr char kManufacturerCommand[] = "/usr/sbin/dmidecode -s system-manufacturer";
-constexpr char kManufacturerFallback[] =
-    "/usr/sbin/dmidecode -t 1 |grep -i 'Manufacturer' |awk -F': ' '{print $2}'";
 // Each part of the OEM text is at most 127 bytes.
 constexpr size_t kOemFieldSize = 128;
 
@@ -38,13 +35,13 @@ std::string finish_field(OemField &field)
     return field;
 }
 
+// The serial as fgets() into the 128-byte field read the pipeline's output.
 std::optional<std::string> oem_serial()
 {
-    OemField field = {};
-    os::Pipe pipe = os::popen(kSerialNumberCommand);
-    if (!pipe || !std::fgets(field, sizeof(field), pipe.get()))
+    std::optional<std::string> output = dmidecode_pipeline_output(kSerialNumberPipeline);
+    if (!output)
         return std::nullopt;
-    return finish_field(field);
+    return fact_from_start(std::string_view(*output).substr(0, kOemFieldSize - 1));
 }
 
 // Up to 128 raw bytes of a boot-device attribute.
@@ -115,8 +112,8 @@ int is_lenovo_machine(void) noexcept
 {
     return tq::guarded(0, [] {
         // Older dmidecode has no -s: the type 1 record is read as well.
-        for (const char *command : {tq::kManufacturerCommand, tq::kManufacturerFallback}) {
-            std::optional<std::string> manufacturer = tq::read_dmidecode_fact(command);
+        for (const tq::DmidecodePipeline *pipeline : {&tq::kManufacturerPipeline, &tq::kManufacturerFallbackPipeline}) {
+            std::optional<std::string> manufacturer = tq::read_dmidecode_pipeline(*pipeline);
             if (manufacturer && tq::is_lenovo_manufacturer(*manufacturer))
                 return 1;
         }

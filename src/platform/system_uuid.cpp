@@ -5,6 +5,7 @@
 
 #include "foundation/fileutil.h"
 #include "foundation/strutil.h"
+#include "platform/dmidecode_pipeline.h"
 #include "tavro-quenda.h"
 
 namespace tq {
@@ -18,10 +19,6 @@ constexpr const char *kPlaceholderUuids[] = {
 };
 
 constexpr char kSysfsUuid[] = "/sys/devices/virtual/dmi/id/product_uuid";
-// grep keeps only lines that hold an 8-4-4-4-12 UUID, dropping dmidecode's comments.
-constexpr char kDmidecodeUuid[] =
-    "/usr/sbin/dmidecode -s system-uuid | grep "
-    "'[0-9a-fA-F]\\{8\\}-[0-9a-fA-F]\\{4\\}-[0-9a-fA-F]\\{4\\}-[0-9a-fA-F]\\{4\\}-[0-9a-fA-F]\\{12\\}'";
 
 std::optional<std::string> unless_placeholder(std::optional<std::string> uuid)
 {
@@ -43,7 +40,7 @@ bool is_placeholder_uuid(const char *text) noexcept
 
 std::optional<std::string> read_uuid_file(const char *path) { return unless_placeholder(read_fact_file(path)); }
 
-std::optional<std::string> read_uuid_dmidecode() { return unless_placeholder(read_dmidecode_fact(kDmidecodeUuid)); }
+std::optional<std::string> read_uuid_dmidecode() { return unless_placeholder(read_dmidecode_pipeline(kUuidPipeline)); }
 
 } // namespace tq
 

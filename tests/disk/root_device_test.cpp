@@ -46,7 +46,7 @@ TEST(RootDevice, MountTableAndKernelCommandLineTexts)
     EXPECT_EQ(cut.substr(0, 23), "/dev/disk/by-label/\\x2f");
 }
 
-TEST(RootDevice, CommandLineFileIsARegularFileReadOnlyToItsFirstLine)
+TEST(RootDevice, HugeInputsStayWithinTheMemoryBound)
 {
     tqtest::Fixture fx;
     tqtest::LeakCheck leaks;
@@ -56,13 +56,24 @@ TEST(RootDevice, CommandLineFileIsARegularFileReadOnlyToItsFirstLine)
     for (const std::string &path : {fifo, std::string("/dev/zero"), fx.root()})
         EXPECT_EQ(take(command_line_get_root_device_name(path.c_str())), "<null>") << path;
 
-    // 1 GiB, nearly all of it a hole of zero bytes: the line ends at the first one.
+    // A command line file of 1 GiB, nearly all of it a hole of zero bytes: the line ends at the first one.
     const std::string big = fx.host("/cmdline");
     fx.write("/cmdline", "ro root=/dev/sda2");
     ASSERT_EQ(truncate(big.c_str(), 1L << 30), 0);
-    auto call = tqtest::bounded_call([&] { return take(command_line_get_root_device_name(big.c_str())); });
-    EXPECT_EQ(call.answer, "/dev/sda2");
-    EXPECT_TRUE(tqtest::within_memory_bound(call.grown_kib));
+    // lsblk JSON of 16 MiB (what a helper may print) of tiny values: refused unparsed, as real output is far smaller.
+    std::string json = R"({"blockdevices":[)";
+    while (json.size() < (16u << 20))
+        json += "[],";
+    json += R"({"name":"sda","children":[{"mountpoint":"/"}]}]})";
+    const std::pair<std::function<std::string()>, const char *> calls[] = {
+        {[&] { return take(command_line_get_root_device_name(big.c_str())); }, "/dev/sda2"},
+        {[&] { return take(find_root_disk(json.c_str())); }, "<null>"},
+    };
+    for (const auto &[call, want] : calls) {
+        auto got = tqtest::bounded_call(call);
+        EXPECT_EQ(got.answer, want);
+        EXPECT_TRUE(tqtest::within_memory_bound(got.grown_kib));
+    }
     EXPECT_TRUE(leaks.clean());
 }
 
@@ -128,7 +139,7 @@ TEST(RootDisk, FindsTheDiskOfTheRootPartition)
     EXPECT_TRUE(tqtest::contains(err, "Invalid JSON structure: blockdevices is not an array\n")) << err;
 }
 
-TEST_F(RootDeviceMachine, LsblkOutputIsReturnedWhole)
+TEST_F(RootDeviceMachine, LsblkOutputIsReturnedWholeFromLsblksOwnPlacesNeverFromPath)
 {
     // Far beyond one page: a machine with many disks.
     std::string json = R"({"blockdevices":[)";
@@ -136,12 +147,20 @@ TEST_F(RootDeviceMachine, LsblkOutputIsReturnedWhole)
         json += R"({"name":"sd)" + std::to_string(i) + R"(","children":[{"name":"p","mountpoint":null}]},)";
     json += R"({"name":"sdroot","children":[{"name":"sdroot1","mountpoint":"/"}]}]})"
             "\n";
-    fx.path_program("lsblk", json);
+    fx.path_program("lsblk", "hostile\n");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(take(get_lsblk_output()), "<null>") << "no lsblk in its places";
+    EXPECT_TRUE(tqtest::contains(testing::internal::GetCapturedStderr(), "Failed to run lsblk"));
+    fx.program("/bin/lsblk", json);
+    ::setenv("PATH", "", 1); // the fixture puts the caller's PATH back
     CString out(get_lsblk_output());
     ASSERT_TRUE(out);
     EXPECT_EQ(std::string(out.get()), json);
     EXPECT_EQ(take(find_root_disk(out.get())), "sdroot");
-    EXPECT_EQ(fx.calls("lsblk"), std::vector<std::string>{"-J"});
+    fx.program("/usr/bin/lsblk", "{}");
+    EXPECT_EQ(take(get_lsblk_output()), "{}") << "/usr/bin/lsblk comes first";
+    EXPECT_EQ(fx.calls("/bin/lsblk"), std::vector<std::string>{"-J"});
+    EXPECT_TRUE(fx.calls("lsblk").empty());
 }
 
 // The real machine: what the library finds must agree with util-linux.

@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-#include "platform/firmware_facts.h"
+#include "platform/dmidecode_pipeline.h"
 
 #include <sys/stat.h>
 
 #include <array>
+#include <memory>
+
+#include "foundation/os.h"
 
 #include "platform_support.h"
 
@@ -37,7 +40,38 @@ TEST_F(FirmwareFacts, SysfsAnswersFirstAndAnEmptyLineIsAnAnswer)
     EXPECT_EQ(f.calls("/usr/sbin/dmidecode"), std::vector<std::string>{"-t 1"});
 }
 
-// Hand-checked: what grep -i KEY | awk prints for recorded machines when sysfs has no DMI attributes.
+// The in-process filters against the real pipelines they replace (grep and awk in the C locale), over every
+// recorded report and lines that probe awk's splitting: for each pipeline the whole output must be equal.
+TEST(DmidecodePipelines, FilterPrintsWhatTheShellPipelinePrinted)
+{
+    tqtest::Fixture f;
+    f.write("/edge", "\tSerial Number: a: b: c\nserial number:none\nSERIAL NUMBER: \nSerial Number\n"
+                     "Manufacturer: LENOVO\r\n  Family  two\t words \n\tVersion:\tX\nVersion\nfamily \t\n"
+                     ": Version: : x\nx 12345678-1234-5678-90ab-CDDEEFAABBCC y\n1234567-1234-5678-90ab-cddeefaabbcc\n"
+                     "\n\tFamily: last line without its line end");
+    std::vector<std::string> reports = {f.host("/edge")};
+    for (const auto &entry : std::filesystem::directory_iterator(tqtest::corpus("dmidecode")))
+        reports.push_back(entry.path());
+    for (const std::string &report : reports) {
+        for (const tq::DmidecodePipeline *pipeline : tq::kDmidecodePipelines) {
+            const std::string command = pipeline->command;
+            const size_t bar = command.find('|');
+            const std::string shell = "export LC_ALL=C; cat " + tq::os::shell_quote(report) + " " +
+                                      (bar == std::string::npos ? "" : command.substr(bar));
+            std::unique_ptr<FILE, decltype(&::pclose)> p(::popen(shell.c_str(), "r"), ::pclose);
+            ASSERT_TRUE(p);
+            std::string expected;
+            char buf[4096];
+            for (size_t n; (n = std::fread(buf, 1, sizeof(buf), p.get())) > 0;)
+                expected.append(buf, n);
+            EXPECT_EQ(tq::filter_dmidecode_report(*pipeline, tqtest::read_file(report)), expected)
+                << report << "\n" << command;
+        }
+    }
+}
+
+// Hand-checked: what grep -i KEY | awk prints for recorded machines when sysfs has no DMI attributes. Programs
+// on a hostile PATH never run, and an empty PATH changes nothing.
 TEST_F(FirmwareFacts, DmidecodeFallbackOnRealReports)
 {
     const struct { const char *report; std::optional<std::string> serial, vendor, model; } cases[] = {
@@ -50,9 +84,17 @@ TEST_F(FirmwareFacts, DmidecodeFallbackOnRealReports)
         {"asus-k8n-dl-old-format-dmidecode26.txt", "System Serial Number", std::nullopt, "System"}, // no Family
     };
     for (const auto &c : cases) {
-        tqtest::Fixture f;
-        tqtest::fake_dmidecode(f, c.report);
-        EXPECT_EQ(facts(), (Facts{c.serial, c.serial, c.vendor, c.model})) << c.report;
+        for (bool empty_path : {false, true}) {
+            tqtest::Fixture f;
+            tqtest::fake_dmidecode(f, c.report);
+            for (const char *hostile : {"sh", "grep", "awk", "dmidecode"})
+                f.path_program(hostile, "hostile\n");
+            if (empty_path)
+                ::setenv("PATH", "", 1); // the fixture puts the caller's PATH back
+            EXPECT_EQ(facts(), (Facts{c.serial, c.serial, c.vendor, c.model})) << c.report;
+            for (const char *hostile : {"sh", "grep", "awk", "dmidecode"})
+                EXPECT_EQ(f.calls(hostile), std::vector<std::string>{}) << hostile;
+        }
     }
 }
 

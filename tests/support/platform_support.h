@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // Set-up shared by the platform tests: a fake /usr/sbin/dmidecode that replays
-// a dmidecode report recorded on a real machine, so that the library's
-// pipelines run the real grep and awk on what that machine printed.
+// a dmidecode report recorded on a real machine, so that the library reads
+// what that machine printed.
 #pragma once
 
 #include <gtest/gtest.h>
