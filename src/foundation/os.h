@@ -166,9 +166,9 @@ inline constexpr size_t kHelperOutputMax = 16 * 1024 * 1024;
 // deadline, or no status learned): an empty Pipe with errno set (ETIME for
 // the deadline).
 Pipe run_shell_command(const std::string &command) noexcept;
-// Older names kept until every reader has moved to spawn(): popen() is
-// run_shell_command(); system() runs the command with standard output left to
-// the caller's and gives the wait status, or -1 on the failures above.
+// Older names, kept until every reader has moved to spawn(): the first is
+// run_shell_command(); the second leaves standard output to the caller's and
+// gives the wait status, or -1 on the failures above.
 Pipe popen(const std::string &command) noexcept;
 int system(const std::string &command) noexcept;
 
