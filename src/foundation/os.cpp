@@ -376,6 +376,7 @@ int helper_time_limit_ms() noexcept
 // nested, and the deadline its first helper set (0: no helper yet).
 thread_local int call_depth = 0;
 thread_local long long call_deadline = 0;
+thread_local bool call_helper_failed = false;
 
 // The moment by which a helper starting now must have ended.
 long long helper_deadline() noexcept
@@ -614,7 +615,7 @@ bool drain(int fd, std::string &out) noexcept
 
 // Runs the helper under a supervisor (see supervise()) and collects its
 // output until the supervisor reports.
-RunResult run(const RunRequest &req, const char **failed_step) noexcept
+RunResult run_supervised(const RunRequest &req, const char **failed_step) noexcept
 {
     RunResult result;
     const long long deadline = helper_deadline();
@@ -699,6 +700,15 @@ RunResult run(const RunRequest &req, const char **failed_step) noexcept
     return result;
 }
 
+// run_supervised(), noting a failure of the runner for the call.
+RunResult run(const RunRequest &req, const char **failed_step) noexcept
+{
+    RunResult result = run_supervised(req, failed_step);
+    if (!result.started || result.timed_out || result.status == -1)
+        call_helper_failed = true;
+    return result;
+}
+
 RunResult run_shell(const std::string &command, bool capture) noexcept
 {
     try {
@@ -757,9 +767,13 @@ Child spawn(const char *const argv[], const char **failed_step) noexcept
 
 void enter_call() noexcept
 {
-    if (call_depth++ == 0)
+    if (call_depth++ == 0) {
         call_deadline = 0;
+        call_helper_failed = false;
+    }
 }
+
+bool helper_failed_in_call() noexcept { return call_helper_failed; }
 
 void leave_call() noexcept { --call_depth; }
 

@@ -142,11 +142,13 @@ std::string path_arg(std::string_view path);
 // pipe, so a caller that ignores SIGCHLD or reaps every child in a handler
 // still gets right answers, and only processes that are still the
 // supervisor's own are ever signalled. When the helper ends, or at the
-// deadline, the supervisor kills the helper's whole group (SIGKILL); as the
+// deadline, the supervisor kills the helper's whole group (SIGKILL). As the
 // subreaper of everything the helper started, it also kills and reaps
-// descendants that left the group (setsid()) once their parents are gone.
-// Nothing a helper started outlives the call, except a process stuck in the
-// kernel that SIGKILL cannot end within two seconds.
+// descendants that left the group (setsid()) once their parents are gone, so
+// nothing a helper started outlives the call, except a process stuck in the
+// kernel that SIGKILL cannot end within two seconds. That needs
+// PR_SET_CHILD_SUBREAPER and /proc/thread-self/children; without them (a
+// user-mode emulator) only the group is killed, and init reaps it.
 //
 // Time: one exported call (the span of its outermost tq::guarded) has
 // kHelperTimeLimitSeconds for all its helpers together, counted from the
@@ -187,6 +189,11 @@ struct Child {
 // that cannot be executed ends with status 127 and "execve: reason" on the
 // caller's standard error.
 Child spawn(const char *const argv[], const char **failed_step = nullptr) noexcept;
+// Whether a helper of the exported call running on this thread has failed
+// in the runner (not started, past the deadline, no status learned) rather
+// than answered: such a call's result says nothing lasting and must not be
+// remembered.
+bool helper_failed_in_call() noexcept;
 
 // ---- kernel and device calls -----------------------------------------------
 UniqueFD socket(int domain, int type, int protocol) noexcept;
