@@ -560,7 +560,9 @@ void sweep(long long until) noexcept
     ::prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
 
     Report report = {0, 0, -1, 0};
-    pid_t pid = clone_process(SIGCHLD);
+    // This process is itself a copy of the caller: the helper borrows its
+    // memory until execve() instead of copying it again.
+    pid_t pid = ::vfork();
     if (pid == 0)
         exec_helper(req, null_fd, out_fd);
     if (pid < 0) {
