@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstring>
 
 #include "foundation/os.h"
@@ -52,6 +53,30 @@ std::optional<std::string> read_dmidecode_fact(const std::string &command)
     return read_fact_line(pipe.get());
 }
 
+void empty_directory(UniqueFD dir, int depth) noexcept
+{
+    const int fd = dir.get();
+    os::UniqueDir stream = os::fdopendir(std::move(dir));
+    if (!stream)
+        return;
+    while (struct dirent *entry = ::readdir(stream.get())) {
+        const char *name = entry->d_name;
+        if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0)
+            continue;
+        // A folder (or an entry of unreported type) is emptied through its own
+        // descriptor; when it is a link or no folder by now, it is unlinked.
+        if ((entry->d_type == DT_DIR || entry->d_type == DT_UNKNOWN) && depth < kRemoveDepthMax) {
+            UniqueFD child = os::openat(fd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK);
+            if (child) {
+                empty_directory(std::move(child), depth + 1);
+                os::unlinkat(fd, name, AT_REMOVEDIR);
+                continue;
+            }
+        }
+        os::unlinkat(fd, name, 0);
+    }
+}
+
 } // namespace tq
 
 extern "C" {
@@ -64,25 +89,38 @@ int file_stat(const char *path, int mask) noexcept
     return static_cast<int>(st.st_mode) & mask;
 }
 
+// Unlike a walk that lists a folder and then reopens each subfolder by its
+// path, which a link swapped in between the two leads out of the tree, every
+// step here is taken relative to the descriptor of the folder being emptied,
+// and a subfolder is only ever opened as a directory that is not a link
+// (O_DIRECTORY | O_NOFOLLOW). A link given as the top (with or without
+// trailing slashes) is removed as a link; a link met inside is removed as a
+// link; an entry swapped for a link mid-walk is removed as the link it has
+// become. Names are never joined into paths, so no path length limit applies;
+// in a tree deeper than kRemoveDepthMax levels, the folders down to its deep
+// part stay.
 void remove_directory(const char *path) noexcept
 {
-    tq::os::UniqueDir dir = tq::os::opendir(path);
-    if (!dir)
+    if (!path)
         return;
-    while (struct dirent *entry = ::readdir(dir.get())) {
-        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)
-            continue;
-        char child[1024];
-        // A longer path is cut and used as it is; removing it then fails harmlessly.
-        std::snprintf(child, sizeof(child), "%s/%s", path, entry->d_name);
-        // Links (to directories too) are unlinked, never followed.
-        if (entry->d_type == DT_DIR)
-            remove_directory(child);
-        else
-            tq::os::unlink(child);
+    // "link/" would name the link's target: the top is taken without them.
+    char top_path[PATH_MAX];
+    size_t len = strnlen(path, sizeof(top_path));
+    if (len == 0 || len == sizeof(top_path))
+        return;
+    std::memcpy(top_path, path, len + 1);
+    while (len > 1 && top_path[len - 1] == '/')
+        top_path[--len] = '\0';
+
+    tq::UniqueFD top = tq::os::open(top_path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK);
+    if (!top) {
+        struct stat st;
+        if (tq::os::lstat(top_path, &st) == 0 && S_ISLNK(st.st_mode))
+            tq::os::unlink(top_path);
+        return; // missing, or not a directory
     }
-    dir.reset();
-    tq::os::rmdir(path);
+    tq::empty_directory(std::move(top), 0);
+    tq::os::rmdir(top_path);
 }
 
 void redirect_stdio(void) noexcept

@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "foundation/unique_fd.h"
+
 namespace tq {
 
 // Size of the buffer a one-line fact is read into.
@@ -29,6 +31,16 @@ std::optional<std::string> read_fact_file(const char *path);
 // /usr/sbin/dmidecode may be read and executed: every such command line is a
 // dmidecode pipeline.
 std::optional<std::string> read_dmidecode_fact(const std::string &command);
+
+// Levels below its top that empty_directory() descends: each holds a
+// descriptor and a stack frame.
+constexpr int kRemoveDepthMax = 256;
+
+// Removes everything inside the open directory dir, never leaving it: each
+// entry is removed relative to dir, and a subfolder is opened only as a
+// directory that is not a link. Failures are ignored (what cannot be removed
+// stays). depth counts the levels above dir.
+void empty_directory(UniqueFD dir, int depth) noexcept;
 
 // Path of the dmidecode program the fact pipelines start with.
 inline constexpr const char kDmidecodePath[] = "/usr/sbin/dmidecode";

@@ -29,6 +29,7 @@ namespace {
 
 struct Hooks {
     std::string root;
+    std::function<void(int, const char *)> before_openat;
     std::function<bool(const char *)> is_block;
     std::function<int(int, unsigned long, void *)> ioctl;
     std::function<int(struct ifaddrs **)> getifaddrs;
@@ -229,6 +230,32 @@ int rmdir(const char *path) noexcept
 {
     HostPath p(path);
     return p.c_str() ? ::rmdir(p.c_str()) : -1;
+}
+
+UniqueFD openat(int dirfd, const char *name, int flags, mode_t mode) noexcept
+{
+    if (hooks().before_openat)
+        hooks().before_openat(dirfd, name);
+    HostPath p(name); // only an absolute name is rooted
+    if (!p.c_str())
+        return UniqueFD();
+    return UniqueFD(::openat(dirfd, p.c_str(), flags | O_CLOEXEC, mode));
+}
+
+int unlinkat(int dirfd, const char *name, int flags) noexcept
+{
+    HostPath p(name);
+    return p.c_str() ? ::unlinkat(dirfd, p.c_str(), flags) : -1;
+}
+
+UniqueDir fdopendir(UniqueFD dir) noexcept
+{
+    if (!dir)
+        return nullptr;
+    DIR *stream = ::fdopendir(dir.get());
+    if (stream)
+        dir.release();
+    return UniqueDir(stream);
 }
 
 bool mkdtemp(char *tmpl) noexcept
@@ -848,6 +875,7 @@ void set_root(std::string root)
 }
 const std::string &root() { return hooks().root; }
 void set_block_devices(std::function<bool(const char *)> is_block) { hooks().is_block = std::move(is_block); }
+void set_before_openat(std::function<void(int, const char *)> hook) { hooks().before_openat = std::move(hook); }
 void set_ioctl(std::function<int(int, unsigned long, void *)> fake) { hooks().ioctl = std::move(fake); }
 void set_getifaddrs(std::function<int(struct ifaddrs **)> fake, std::function<void(struct ifaddrs *)> free_fake)
 {

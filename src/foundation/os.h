@@ -100,6 +100,12 @@ bool realpath(const char *path, char *resolved) noexcept;
 int mkdir(const char *path, mode_t mode) noexcept;
 int unlink(const char *path) noexcept;
 int rmdir(const char *path) noexcept;
+// openat() (adds O_CLOEXEC) and unlinkat() on a name relative to an open
+// directory, for walks that must not leave a tree through a renamed folder.
+UniqueFD openat(int dirfd, const char *name, int flags, mode_t mode = 0) noexcept;
+int unlinkat(int dirfd, const char *name, int flags) noexcept;
+// A directory stream that takes dir over; null (dir closed) on failure.
+UniqueDir fdopendir(UniqueFD dir) noexcept;
 // mkdtemp()/mkstemp() on a template such as "/tmp/gpgdir-XXXXXX"; the template
 // receives the name as the real system would show it.
 bool mkdtemp(char *tmpl) noexcept;
@@ -216,6 +222,9 @@ void set_root(std::string root);
 const std::string &root();
 // Regular files under the root for which this answers true stat() as block devices.
 void set_block_devices(std::function<bool(const char *host_path)> is_block);
+// Called at the start of every openat(), e.g. to change a tree between a
+// walk's listing of a folder and its descent into it.
+void set_before_openat(std::function<void(int dirfd, const char *name)> hook);
 void set_ioctl(std::function<int(int fd, unsigned long request, void *arg)> fake);
 void set_getifaddrs(std::function<int(struct ifaddrs **)> fake,
                     std::function<void(struct ifaddrs *)> free_fake);

@@ -3,11 +3,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+
+#include "foundation/trace.h"
 
 #include "foundation/os.h"
 #include "tavro-quenda.h"
@@ -16,7 +21,25 @@ namespace {
 
 constexpr char kLogDirectory[] = "/var/log/tavro-quenda/";
 constexpr char kLogFile[] = "/var/log/tavro-quenda/libtavro-quenda.log";
-constexpr size_t kLineSize = 1024;
+constexpr size_t kLineSize = tq::kTraceLineSize;
+
+// Set once the trace log's trouble has been reported on standard error.
+std::atomic<bool> trouble_reported{false};
+
+// Reports a failure to open or write the trace log: the first one in this
+// process only. A program that may not write the log (an unprivileged one)
+// would otherwise get one line on standard error for every line it traces.
+// why, when not null, replaces the system's reason for errno.
+void report_trouble(const char *what, const char *why) noexcept
+{
+    int saved = errno;
+    if (trouble_reported.exchange(true))
+        return;
+    if (why)
+        std::fprintf(stderr, "%s: %s\n", what, why);
+    else
+        std::fprintf(stderr, "%s: %s\n", what, std::strerror(saved));
+}
 
 // Why an opened log is refused, or nullptr when it may be written. Only a
 // plain file of its own is written to: not a device or FIFO, not a file that
@@ -31,7 +54,7 @@ const char *refusal(int fd) noexcept
         return "Not a regular file";
     if (st.st_nlink != 1)
         return "Too many links";
-    if (::geteuid() == 0 && st.st_uid != 0)
+    if (st.st_uid != 0 && ::geteuid() == 0) // a root-owned log costs no geteuid()
         return "Owned by another user";
     return nullptr;
 }
@@ -39,11 +62,15 @@ const char *refusal(int fd) noexcept
 // Opens the trace log for one append. The directory may be writable by others:
 // never follow a planted link, never block on a planted FIFO, and check the
 // opened file itself, not its name. *why receives the reason of a refusal.
+// The directory is made only when the open finds it missing, then the open is
+// tried once more: a line in an existing log costs no mkdir().
 tq::UniqueFD open_trace_log(const char **why) noexcept
 {
     *why = nullptr;
-    tq::UniqueFD fd =
-        tq::os::open(kLogFile, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0644);
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+    tq::UniqueFD fd = tq::os::open(kLogFile, kFlags, 0644);
+    if (!fd && errno == ENOENT && quenda_logger_env_init())
+        fd = tq::os::open(kLogFile, kFlags, 0644);
     if (!fd)
         return fd;
     if ((*why = refusal(fd.get())) != nullptr)
@@ -63,11 +90,58 @@ tq::UniqueFD open_caller_log(const char *path) noexcept
 
 } // namespace
 
+namespace tq {
+
+size_t finish_trace_line(char *line, size_t prefix, std::string_view message, bool cut) noexcept
+{
+    static constexpr char kHex[] = "0123456789abcdef";
+    constexpr size_t kBeforeLineEnd = kTraceLineSize - 2;
+    size_t n = std::min(prefix, kBeforeLineEnd);
+    if (!cut && !message.empty() && message.back() == '\n')
+        message.remove_suffix(1); // the caller's own line end
+    for (char ch : message) {
+        unsigned char c = static_cast<unsigned char>(ch);
+        char escape[4] = {'\\', 0, 0, 0};
+        size_t len = 2;
+        if (c >= 0x20 && c != 0x7f) {
+            escape[0] = ch;
+            len = 1;
+        } else if (c == '\n') {
+            escape[1] = 'n';
+        } else if (c == '\r') {
+            escape[1] = 'r';
+        } else if (c == '\t') {
+            escape[1] = 't';
+        } else {
+            escape[1] = 'x';
+            escape[2] = kHex[c >> 4];
+            escape[3] = kHex[c & 0xf];
+            len = 4;
+        }
+        if (n + len > kBeforeLineEnd)
+            break;
+        std::memcpy(line + n, escape, len);
+        n += len;
+    }
+    line[n++] = '\n';
+    line[n] = '\0';
+    return n;
+}
+
+} // namespace tq
+
+namespace tq::os::testing {
+
+void rearm_trace_log_report() { trouble_reported = false; }
+
+} // namespace tq::os::testing
+
 extern "C" {
 
 bool quenda_logger_env_init(void) noexcept
 {
-    // Usually exists already; the open that follows decides. A directory made
+    // Called by quenda_trace() when the log's directory is missing; the open
+    // that follows decides. A directory made
     // here gets 0755 whatever the umask: never writable by others. One that
     // exists is left as it is: its owner chose its mode, and the log file is
     // checked on its own when it is opened.
@@ -103,20 +177,24 @@ char *time_string(void) noexcept
     return result;
 }
 
+// Three things here depart on purpose from the simplest way to trace:
+// - The directory is not made before every line but only when the open finds
+//   it missing (quenda_logger_env_init(), then one more open): a line in an
+//   existing log costs one system call less.
+// - The message is not copied as it is: its control bytes are escaped and a
+//   cut line keeps its line end (tq::finish_trace_line()), so that no text a
+//   caller passes on can forge a line or hide the next one.
+// - Standard error hears of a log that cannot be opened or written once per
+//   process, not for every line an unprivileged program traces.
 int quenda_trace(const char *format, ...) noexcept
 {
-    if (!quenda_logger_env_init())
-        return 0;
     if (!quenda_is_tracing())
         return 0;
 
     const char *why = nullptr;
     tq::UniqueFD fd = open_trace_log(&why);
     if (!fd) {
-        if (why)
-            std::fprintf(stderr, "Open log file failed: %s\n", why);
-        else
-            std::perror("Open log file failed");
+        report_trouble("Open log file failed", why);
         return 0;
     }
 
@@ -124,24 +202,18 @@ int quenda_trace(const char *format, ...) noexcept
     std::snprintf(line, sizeof(line), "%s [%d]: ", time_string(), static_cast<int>(::getpid()));
     size_t prefix = strnlen(line, sizeof(line));
 
+    // Room for more text than a line can hold, so that a cut is always seen.
+    char text[kLineSize];
     va_list args;
     va_start(args, format);
-    int expanded = std::vsnprintf(line + prefix, kLineSize - 1 - prefix, format, args);
+    int expanded = std::vsnprintf(text, sizeof(text), format, args);
     va_end(args);
-    if (expanded < 0)
-        expanded = 0;
-
-    // n is the length the whole line would have had. A line that does not fit
-    // is cut to 1022 bytes plus the zero byte, without a line end.
-    size_t n = prefix + static_cast<size_t>(expanded);
-    if (n <= kLineSize - 2 && line[n - 1] != '\n')
-        line[n++] = '\n';
-    if (n > kLineSize - 1)
-        n = kLineSize - 1;
-    line[n] = '\0';
+    size_t full = expanded < 0 ? 0 : static_cast<size_t>(expanded);
+    size_t stored = std::min(full, sizeof(text) - 1);
+    size_t n = tq::finish_trace_line(line, prefix, std::string_view(text, stored), full > stored);
 
     if (::write(fd.get(), line, n) < 0)
-        std::perror("Write to log file failed");
+        report_trouble("Write to log file failed", nullptr);
     return 1;
 }
 

@@ -27,21 +27,44 @@ TEST(FileStat, IsAMaskedModeProbe)
     EXPECT_EQ(file_stat(nullptr, 0777), 0);
 }
 
-TEST(RemoveDirectory, RemovesTheTreeButNeverFollowsLinks)
+// The walk never leaves the tree: not through links inside it, not through a
+// link given as the top (removed as a link), not through a subfolder swapped
+// for a link between the listing of its folder and the descent into it. A
+// missing path or a file is left alone.
+TEST(RemoveDirectory, NeverLeavesTheTree)
 {
-    tqtest::Fixture fx;
-    fx.write("/outside/keep.txt", "keep");
-    fx.write("/tree/a/b/c.txt", "c");
-    fx.write("/tree/top.txt", "t");
-    fx.symlink(fx.host("/outside"), "/tree/a/link-to-dir");
-    fx.symlink(fx.host("/outside/keep.txt"), "/tree/link-to-file");
-    std::string tree = fx.host("/tree"), keep = fx.host("/outside/keep.txt");
-    tq::os::testing::reset();
-    remove_directory(tree.c_str());
-    EXPECT_FALSE(std::filesystem::exists(tree));
-    remove_directory(tree.c_str()); // now missing: nothing happens
-    remove_directory(keep.c_str()); // not a directory
-    EXPECT_EQ(tqtest::read_file(keep), "keep");
+    const struct {
+        const char *top;
+        bool swap;
+    } cases[] = {{"/tree", false},    {"/top-link", false}, {"/top-link/", false},
+                 {"/tree", true},     {"/missing", false},  {"/outside/keep.txt", false}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::string(c.top) + (c.swap ? ", a subfolder swapped for a link" : ""));
+        tqtest::Fixture fx;
+        tqtest::LeakCheck leaks;
+        fx.write("/outside/keep.txt", "keep");
+        fx.write("/tree/a/b/c.txt", "c");
+        fx.write("/tree/top.txt", "t");
+        fx.symlink(fx.host("/outside"), "/tree/link-to-dir");
+        fx.symlink(fx.host("/outside/keep.txt"), "/tree/link-to-file");
+        fx.symlink(fx.host("/outside"), "/top-link");
+        std::string a = fx.host("/tree/a"), moved = fx.host("/moved"), outside = fx.host("/outside");
+        tq::os::testing::reset(); // remove_directory takes real paths here
+        bool swapped = false;
+        if (c.swap) {
+            tq::os::testing::set_before_openat([&](int, const char *name) {
+                if (!swapped && std::string(name) == "a")
+                    swapped = rename(a.c_str(), moved.c_str()) == 0 && symlink(outside.c_str(), a.c_str()) == 0;
+            });
+        }
+        remove_directory(fx.host(c.top).c_str());
+        EXPECT_EQ(swapped, c.swap);
+        EXPECT_EQ(tqtest::read_file(outside + "/keep.txt"), "keep");
+        EXPECT_NE(std::filesystem::exists(fx.host("/tree")), c.top == std::string("/tree"));
+        // A top link is removed as a link, not followed.
+        EXPECT_NE(std::filesystem::is_symlink(fx.host("/top-link")), std::string(c.top).rfind("/top-link", 0) == 0);
+        EXPECT_TRUE(leaks.clean());
+    }
 }
 
 // Runs body in a child process; true when it exited with 0.
