@@ -47,7 +47,7 @@ std::optional<std::string> read_dmidecode_fact(const std::string &command)
 {
     if (os::access(kDmidecodePath, R_OK | X_OK) != 0)
         return std::nullopt;
-    os::Pipe pipe = os::popen(command);
+    os::Pipe pipe = os::run_shell_command(command);
     if (!pipe)
         return std::nullopt;
     return read_fact_line(pipe.get());

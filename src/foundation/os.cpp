@@ -8,8 +8,11 @@
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <pthread.h>
 #include <sys/ioctl.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -437,12 +440,31 @@ int helper_time_limit_ms() noexcept
     return ms > 0 ? ms : kHelperTimeLimitSeconds * 1000;
 }
 
+// The exported call running on this thread: how deeply guarded() calls are
+// nested, and the deadline its first helper set (0: no helper yet).
+thread_local int call_depth = 0;
+thread_local long long call_deadline = 0;
+thread_local bool call_helper_failed = false;
+
+// The moment by which a helper starting now must have ended.
+long long helper_deadline() noexcept
+{
+    if (call_depth == 0)
+        return now_ms() + helper_time_limit_ms();
+    if (call_deadline == 0)
+        call_deadline = now_ms() + helper_time_limit_ms();
+    return call_deadline;
+}
+
+// How long the supervisor waits for killed processes to go.
+constexpr long long kKillGraceMs = 2000;
+
 struct RunRequest {
     const char *program;        // path to execve()
     char *const *argv;
     char *const *envp;
     bool capture;               // standard output into RunResult::out (else the caller's)
-    bool report_exec_failure;   // "execve" through perror() on the caller's stderr
+    bool report_exec_failure;   // "execve: reason" on the caller's stderr
 };
 
 struct RunResult {
@@ -452,8 +474,63 @@ struct RunResult {
     std::string out;
 };
 
-// The child has ended (it is left unreaped, so its pid and group id stay taken).
-bool child_ended(pid_t pid) noexcept
+// What the supervisor tells the library when everything it started is gone.
+struct Report {
+    int started;   // 0: the helper could not be started (err says why)
+    int timed_out;
+    int status;    // the helper's wait status
+    int err;
+};
+
+// Moves fd above the standard descriptors (a caller may have closed them, and
+// pipe2() or open() then hands them out), keeping it close-on-exec.
+UniqueFD above_stdio(int fd) noexcept
+{
+    UniqueFD owned(fd);
+    if (!owned || fd > STDERR_FILENO)
+        return owned;
+    return UniqueFD(::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+}
+
+bool make_pipe(UniqueFD *read_end, UniqueFD *write_end) noexcept
+{
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0)
+        return false;
+    UniqueFD r(fds[0]), w(fds[1]); // both owned before either is moved
+    *read_end = above_stdio(r.release());
+    *write_end = above_stdio(w.release());
+    return *read_end && *write_end;
+}
+
+// A fork()-like clone of the calling thread. With exit_signal 0 the child is
+// invisible to the caller's SIGCHLD handler and to waitpid(-1) without __WALL,
+// and never reaped automatically, so it stays the library's until reaped.
+pid_t clone_process(int exit_signal) noexcept
+{
+    return static_cast<pid_t>(::syscall(SYS_clone, static_cast<unsigned long>(exit_signal), nullptr, nullptr,
+                                        nullptr, nullptr));
+}
+
+// ---- the helper and its supervisor: after clone, plain system calls only ----
+
+long long left_ms(long long until) noexcept { return until - now_ms(); }
+
+// Waits for a SIGCHLD (blocked in the supervisor) until the given moment.
+bool wait_sigchld(long long until) noexcept
+{
+    long long left = left_ms(until);
+    if (left <= 0)
+        return false;
+    sigset_t chld;
+    ::sigemptyset(&chld);
+    ::sigaddset(&chld, SIGCHLD);
+    struct timespec ts = {static_cast<time_t>(left / 1000), static_cast<long>(left % 1000) * 1000000L};
+    ::sigtimedwait(&chld, nullptr, &ts);
+    return true;
+}
+
+bool has_ended(pid_t pid) noexcept
 {
     siginfo_t info;
     std::memset(&info, 0, sizeof(info));
@@ -462,8 +539,129 @@ bool child_ended(pid_t pid) noexcept
     return info.si_pid == pid;
 }
 
+// Kills every living child of the supervisor (descendants of the helper that
+// left its group and were adopted when their parents died), with the group
+// each of them leads. They are unreaped children, so no number is stale.
+bool kill_children() noexcept
+{
+    int fd = ::open("/proc/thread-self/children", O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    char buf[4096];
+    ssize_t n = ::read(fd, buf, sizeof(buf) - 1);
+    ::close(fd);
+    if (n <= 0)
+        return false;
+    buf[n] = '\0';
+    bool any = false;
+    for (const char *p = buf; *p;) {
+        pid_t pid = 0;
+        while (*p >= '0' && *p <= '9')
+            pid = pid * 10 + (*p++ - '0');
+        while (*p && (*p < '0' || *p > '9'))
+            ++p;
+        if (pid > 0) {
+            ::kill(-pid, SIGKILL);
+            ::kill(pid, SIGKILL);
+            any = true;
+        }
+    }
+    return any;
+}
+
+// Ends and reaps whatever the helper left behind, until nothing is left or
+// the moment passes.
+void sweep(long long until) noexcept
+{
+    for (;;) {
+        int status;
+        pid_t r;
+        while ((r = ::waitpid(-1, &status, WNOHANG | __WALL)) > 0) {
+        }
+        if (r < 0 || !kill_children() || !wait_sigchld(until))
+            return;
+    }
+}
+
+[[noreturn]] void exec_helper(const RunRequest &req, int null_fd, int out_fd) noexcept
+{
+    ::setpgid(0, 0);
+    int saved_err = req.report_exec_failure ? ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3) : -1;
+    // Every source is above 2, so each dup2() makes a fresh, inheritable copy.
+    ::dup2(null_fd, STDIN_FILENO);
+    if (out_fd >= 0)
+        ::dup2(out_fd, STDOUT_FILENO);
+    ::dup2(null_fd, STDERR_FILENO);
+    // Default signal handling and an empty mask, whatever the caller set up.
+    struct sigaction dfl;
+    std::memset(&dfl, 0, sizeof(dfl));
+    dfl.sa_handler = SIG_DFL;
+    for (int sig = 1; sig < NSIG; ++sig)
+        ::sigaction(sig, &dfl, nullptr);
+    sigset_t none;
+    ::sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    ::execve(req.program, req.argv, req.envp);
+    if (saved_err >= 0) {
+        const char *reason = ::strerrordesc_np(errno);
+        (void)!::write(saved_err, "execve: ", 8);
+        if (reason)
+            (void)!::write(saved_err, reason, std::strlen(reason));
+        (void)!::write(saved_err, "\n", 1);
+    }
+    ::_exit(127);
+}
+
+// The supervisor: a child of the library (never of the caller's SIGCHLD
+// handling) that starts the helper, waits for it until the deadline, ends its
+// group and everything it adopted, and reports through report_fd.
+[[noreturn]] void supervise(const RunRequest &req, long long deadline, int null_fd, int out_fd,
+                            int report_fd) noexcept
+{
+    // Signals stay blocked here (the caller's handlers must not run in this
+    // copy); SIGCHLD must not be ignored, or the helper's status would be lost.
+    struct sigaction dfl;
+    std::memset(&dfl, 0, sizeof(dfl));
+    dfl.sa_handler = SIG_DFL;
+    ::sigaction(SIGCHLD, &dfl, nullptr);
+    // Orphans of the helper's descendants come here instead of to init.
+    ::prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
+
+    Report report = {0, 0, -1, 0};
+    // This process is itself a copy of the caller: the helper borrows its
+    // memory until execve() instead of copying it again.
+    pid_t pid = ::vfork();
+    if (pid == 0)
+        exec_helper(req, null_fd, out_fd);
+    if (pid < 0) {
+        report.err = errno;
+    } else {
+        report.started = 1;
+        ::setpgid(pid, pid); // also here, so the group exists whichever runs first
+        if (out_fd >= 0)
+            ::close(out_fd);
+        while (!has_ended(pid)) {
+            if (!wait_sigchld(deadline)) {
+                report.timed_out = 1;
+                break;
+            }
+        }
+        // The helper is a zombie or still ours: its group number cannot be stale.
+        ::kill(-pid, SIGKILL);
+        ::kill(pid, SIGKILL);
+        const long long until = std::max(deadline, now_ms()) + kKillGraceMs;
+        while (!has_ended(pid) && wait_sigchld(until)) {
+        }
+        if (::waitpid(pid, &report.status, WNOHANG) != pid)
+            report.timed_out = 1; // stuck in the kernel: left to init
+        sweep(until);
+    }
+    (void)!::write(report_fd, &report, sizeof(report));
+    ::_exit(0);
+}
+
 // Reads what is available on fd without waiting. False at end of file or on error.
-bool drain(int fd, std::string &out, bool &overflow) noexcept
+bool drain(int fd, std::string &out) noexcept
 {
     char buf[65536];
     for (;;) {
@@ -480,106 +678,104 @@ bool drain(int fd, std::string &out, bool &overflow) noexcept
         } catch (const std::bad_alloc &) {
             room = 0;
         }
-        if (static_cast<size_t>(n) > room) {
-            overflow = true;
-            return false;
-        }
+        if (static_cast<size_t>(n) > room)
+            return false; // enough: closing the pipe ends a helper that goes on writing
     }
 }
 
-// Starts the child in its own process group, collects its output until it
-// ends or the time limit passes, then ends whatever is left of its group and
-// reaps it.
-RunResult run(const RunRequest &req, const char **failed_step) noexcept
+// Runs the helper under a supervisor (see supervise()) and collects its
+// output until the supervisor reports.
+RunResult run_supervised(const RunRequest &req, const char **failed_step) noexcept
 {
     RunResult result;
-    int fds[2] = {-1, -1};
-    if (req.capture && ::pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0) {
+    const long long deadline = helper_deadline();
+    if (now_ms() >= deadline) {
+        // The call has used its time: this helper fails as a late one would.
+        result.started = true;
+        result.timed_out = true;
+        errno = ETIME;
+        return result;
+    }
+    UniqueFD null_fd = above_stdio(::open("/dev/null", O_RDWR | O_CLOEXEC));
+    UniqueFD out_r, out_w, report_r, report_w;
+    if (!null_fd || (req.capture && !make_pipe(&out_r, &out_w)) || !make_pipe(&report_r, &report_w) ||
+        ::fcntl(report_r.get(), F_SETFL, O_NONBLOCK) != 0 ||
+        (out_r && ::fcntl(out_r.get(), F_SETFL, O_NONBLOCK) != 0)) {
         if (failed_step)
             *failed_step = "pipe";
         return result;
     }
-    UniqueFD read_end(fds[0]), write_end(fds[1]);
     try {
         result.out.reserve(4096);
     } catch (...) {
         errno = ENOMEM;
         return result;
     }
-    const long long deadline = now_ms() + helper_time_limit_ms();
-    pid_t pid = ::fork();
-    if (pid < 0) {
+    sigset_t all, saved;
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &saved);
+    pid_t supervisor = clone_process(0);
+    if (supervisor < 0 && errno == EINVAL)
+        supervisor = clone_process(SIGCHLD); // emulators refuse a silent child
+    if (supervisor == 0)
+        supervise(req, deadline, null_fd.get(), out_w.get(), report_w.get());
+    int clone_errno = errno;
+    ::pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+    if (supervisor < 0) {
         if (failed_step)
             *failed_step = "fork";
+        errno = clone_errno;
         return result;
     }
-    if (pid == 0) {
-        // Only async-signal-safe calls from here on.
-        ::setpgid(0, 0);
-        int saved_err = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
-        int null_fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-        if (null_fd >= 0) {
-            ::dup2(null_fd, STDIN_FILENO);
-            ::dup2(null_fd, STDERR_FILENO);
-        }
-        if (req.capture) {
-            // The write end was made non-blocking for the parent's side only.
-            ::fcntl(write_end.get(), F_SETFL, 0);
-            ::dup2(write_end.get(), STDOUT_FILENO);
-        }
-        ::execve(req.program, req.argv, req.envp);
-        if (req.report_exec_failure && saved_err >= 0) {
-            ::dup2(saved_err, STDERR_FILENO);
-            ::perror("execve");
-        }
-        ::_exit(127);
-    }
-    // Also here, so the group exists whichever of the two runs first.
-    ::setpgid(pid, pid);
-    write_end.reset();
-    result.started = true;
+    out_w.reset();
+    report_w.reset();
+    null_fd.reset();
 
-    bool overflow = false;
-    int nap_ms = 1;
-    for (;;) {
-        if (child_ended(pid)) {
-            // What the child wrote before it ended is all in the pipe now.
-            if (read_end)
-                drain(read_end.get(), result.out, overflow);
+    // The supervisor bounds every wait of its own, so this ends.
+    Report report = {0, 0, -1, 0};
+    bool reported = false;
+    while (report_r) {
+        struct pollfd p[2] = {{report_r.get(), POLLIN, 0}, {out_r ? out_r.get() : -1, POLLIN, 0}};
+        if (::poll(p, 2, -1) < 0 && errno != EINTR)
             break;
-        }
-        long long left = deadline - now_ms();
-        if (left <= 0) {
-            result.timed_out = true;
-            break;
-        }
-        if (read_end) {
-            struct pollfd p = {read_end.get(), POLLIN, 0};
-            int wait = static_cast<int>(std::min<long long>(left, 50));
-            if (::poll(&p, 1, wait) > 0 && !drain(read_end.get(), result.out, overflow))
-                read_end.reset(); // end of output (or enough of it); wait for the end of the child
-        } else {
-            struct timespec ts = {0, static_cast<long>(std::min<long long>(left, nap_ms)) * 1000000L};
-            ::nanosleep(&ts, nullptr);
-            nap_ms = std::min(nap_ms * 2, 20);
+        if (p[1].revents && !drain(out_r.get(), result.out))
+            out_r.reset();
+        if (p[0].revents) {
+            ssize_t n = ::read(report_r.get(), &report, sizeof(report));
+            if (n < 0 && (errno == EINTR || errno == EAGAIN))
+                continue;
+            reported = n == static_cast<ssize_t>(sizeof(report));
+            report_r.reset();
         }
     }
-    read_end.reset();
-    // The group, and its leader on its own in case it had no time to make it.
-    ::kill(-pid, SIGKILL);
-    if (result.timed_out)
-        ::kill(pid, SIGKILL);
-    int status = 0;
-    while (::waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR) {
-            status = -1;
-            break;
-        }
+    // Everything the helper's processes wrote is in the pipe now; nothing
+    // still holding it open is waited for.
+    if (out_r)
+        drain(out_r.get(), result.out);
+    while (::waitpid(supervisor, nullptr, __WALL) < 0 && errno == EINTR) {
     }
-    result.status = status;
-    (void)overflow;
-    if (result.timed_out)
+    result.started = !reported || report.started;
+    if (!reported) {
+        errno = ECHILD;
+    } else if (!report.started) {
+        if (failed_step)
+            *failed_step = "fork";
+        errno = report.err;
+    } else if (report.timed_out) {
+        result.timed_out = true;
         errno = ETIME;
+    } else {
+        result.status = report.status;
+    }
+    return result;
+}
+
+// run_supervised(), noting a failure of the runner for the call.
+RunResult run(const RunRequest &req, const char **failed_step) noexcept
+{
+    RunResult result = run_supervised(req, failed_step);
+    if (!result.started || result.timed_out || result.status == -1)
+        call_helper_failed = true;
     return result;
 }
 
@@ -600,13 +796,15 @@ RunResult run_shell(const std::string &command, bool capture) noexcept
 
 } // namespace
 
-Pipe popen(const std::string &command) noexcept
+Pipe run_shell_command(const std::string &command) noexcept
 {
     RunResult r = run_shell(command, true);
-    if (!r.started || r.timed_out)
+    if (!r.started || r.timed_out || r.status == -1)
         return Pipe();
     return Pipe(std::move(r.out), r.status);
 }
+
+Pipe popen(const std::string &command) noexcept { return run_shell_command(command); }
 
 int system(const std::string &command) noexcept
 {
@@ -628,15 +826,26 @@ Child spawn(const char *const argv[], const char **failed_step) noexcept
     char *const empty_env[] = {nullptr};
     RunResult r = run({program.c_str(), const_cast<char *const *>(argv), empty_env, true, true}, failed_step);
     child.started = r.started;
-    if (!r.started)
-        return child;
-    // Past the time limit the child failed: no status and nothing it said counts.
-    if (!r.timed_out) {
+    // A helper past the deadline, or one whose end went unseen, failed:
+    // no status, and nothing it said counts.
+    if (r.started && !r.timed_out && r.status != -1) {
         child.status = r.status;
         child.out = std::move(r.out);
     }
     return child;
 }
+
+void enter_call() noexcept
+{
+    if (call_depth++ == 0) {
+        call_deadline = 0;
+        call_helper_failed = false;
+    }
+}
+
+bool helper_failed_in_call() noexcept { return call_helper_failed; }
+
+void leave_call() noexcept { --call_depth; }
 
 UniqueFD socket(int domain, int type, int protocol) noexcept
 {

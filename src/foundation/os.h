@@ -46,8 +46,8 @@ struct IfAddrsFree {
 using UniqueIfAddrs = std::unique_ptr<struct ifaddrs, IfAddrsFree>;
 
 // The output of a finished helper program, read as a stream (fgets, fread)
-// the way a popen() stream was read. The helper has already been reaped when
-// the Pipe exists; close() hands back its wait status as pclose() did.
+// the way a shell pipe was read. The helper has already been reaped when
+// the Pipe exists; close() hands back its wait status.
 class Pipe {
 public:
     Pipe() noexcept = default;
@@ -147,36 +147,68 @@ std::string shell_quote(std::string_view text);
 // A path argument for a shell command line: host_path, then shell_quote.
 std::string path_arg(std::string_view path);
 // Every helper program runs in a process group of its own with standard input
-// and standard error on /dev/null: a helper's complaints are its own business,
-// not the calling program's. A helper still running after
-// kHelperTimeLimitSeconds is ended with its whole group (SIGKILL) and reaped,
-// and the call fails as if the helper could not be started; when a helper
-// ends, whatever it left running in its group is ended too. Nothing outlives
-// the call.
+// and standard error on /dev/null (a helper's complaints are its own business,
+// not the calling program's), default signal handling and no blocked signals.
+//
+// Unlike a plain fork() and waitpid(), each helper is started by a supervisor:
+// a short-lived child of the library that the caller's SIGCHLD set-up cannot
+// touch (it sends the caller no SIGCHLD and waitpid(-1) does not see it). The
+// supervisor learns the helper's wait status and hands it back through a
+// pipe, so a caller that ignores SIGCHLD or reaps every child in a handler
+// still gets right answers, and only processes that are still the
+// supervisor's own are ever signalled. When the helper ends, or at the
+// deadline, the supervisor kills the helper's whole group (SIGKILL). As the
+// subreaper of everything the helper started, it also kills and reaps
+// descendants that left the group (setsid()) once their parents are gone, so
+// nothing a helper started outlives the call, except a process stuck in the
+// kernel that SIGKILL cannot end within two seconds. That needs
+// PR_SET_CHILD_SUBREAPER and /proc/thread-self/children; without them (a
+// user-mode emulator) only the group is killed, and init reaps it.
+//
+// Time: one exported call (the span of its outermost tq::guarded) has
+// kHelperTimeLimitSeconds for all its helpers together, counted from the
+// start of its first helper. A helper still running at the deadline is ended
+// and fails as if it could not give an answer; a helper asked for after the
+// deadline fails at once without running. Outside an exported call each
+// helper has the whole limit.
 inline constexpr int kHelperTimeLimitSeconds = 30;
 // Output kept from one helper; a helper that prints more is ended there, as a
 // reader that stopped reading would have ended it.
 inline constexpr size_t kHelperOutputMax = 16 * 1024 * 1024;
 
-// Runs command through /bin/sh -c and collects its standard output. A command
+// Runs command through /bin/sh -c and collects its standard output; only for
+// the exported functions whose argument is a shell command line. A command
 // line that starts with an absolute program path runs that program under the
-// root; others are found through PATH. Failure (not started, or past the time
-// limit): an empty Pipe with errno set (ETIME for the time limit).
+// root; others are found through PATH. Failure (not started, past the
+// deadline, or no status learned): an empty Pipe with errno set (ETIME for
+// the deadline).
+Pipe run_shell_command(const std::string &command) noexcept;
+// Older names, kept until every reader has moved to spawn(): the first is
+// run_shell_command(); the second leaves standard output to the caller's and
+// gives the wait status, or -1 on the failures above.
 Pipe popen(const std::string &command) noexcept;
-// Runs command through /bin/sh -c with standard output left to the caller's;
-// the wait status, or -1 when it could not be started or ran past the limit.
 int system(const std::string &command) noexcept;
 
 // A finished child started with execve() (no shell, empty environment).
 struct Child {
     bool started = false;
-    int status = -1;   // wait status
-    std::string out;   // its standard output
+    // Its wait status; -1 (never a real status) when the runner failed: past
+    // the deadline or no status learned (errno says which, ETIME for the
+    // deadline). A result built on -1 says nothing about the file or machine
+    // and must not be remembered.
+    int status = -1;
+    std::string out;   // its standard output (empty when status is -1)
 };
 // argv[0] is the absolute program path. Not started: started false, errno
-// set, and "pipe" or "fork" in *failed_step says which step failed. A child
-// that ran past the time limit has status -1 and no output.
+// set, and "pipe" or "fork" in *failed_step says which step failed. A program
+// that cannot be executed ends with status 127 and "execve: reason" on the
+// caller's standard error.
 Child spawn(const char *const argv[], const char **failed_step = nullptr) noexcept;
+// Whether a helper of the exported call running on this thread has failed
+// in the runner (not started, past the deadline, no status learned) rather
+// than answered: such a call's result says nothing lasting and must not be
+// remembered.
+bool helper_failed_in_call() noexcept;
 
 // ---- kernel and device calls -----------------------------------------------
 UniqueFD socket(int domain, int type, int protocol) noexcept;
@@ -207,7 +239,7 @@ void set_getifaddrs(std::function<int(struct ifaddrs **)> fake,
                     std::function<void(struct ifaddrs *)> free_fake);
 void set_whole_disk(std::function<int(const char *path)> fake);
 void set_optical_drive(std::function<std::optional<std::array<std::string, 3>>()> fake);
-// The helper programs' time limit in milliseconds (0: kHelperTimeLimitSeconds).
+// The time limit of one call's helpers in milliseconds (0: kHelperTimeLimitSeconds).
 void set_helper_time_limit_ms(int ms);
 // Back to the real system.
 void reset();

@@ -28,11 +28,28 @@ inline char *dup_optional(const std::optional<std::string> &text) noexcept
     return text ? dup_c(*text) : nullptr;
 }
 
-// Runs body and turns any exception (allocation failure, mostly) into the
-// function's failure result, so that nothing is thrown across the C ABI.
+namespace os {
+// The span of one exported call on this thread (see os.h): every helper
+// program the call runs shares one deadline.
+void enter_call() noexcept;
+void leave_call() noexcept;
+} // namespace os
+
+// One exported call; nested guarded() calls belong to the outermost one.
+struct CallScope {
+    CallScope() noexcept { os::enter_call(); }
+    ~CallScope() { os::leave_call(); }
+    CallScope(const CallScope &) = delete;
+    CallScope &operator=(const CallScope &) = delete;
+};
+
+// Runs body as one exported call and turns any exception (allocation failure,
+// mostly) into the function's failure result, so that nothing is thrown
+// across the C ABI.
 template <typename Result, typename Body>
 Result guarded(Result failure, Body &&body) noexcept
 {
+    CallScope call;
     try {
         return body();
     } catch (...) {
@@ -43,6 +60,7 @@ Result guarded(Result failure, Body &&body) noexcept
 template <typename Body>
 void guarded_void(Body &&body) noexcept
 {
+    CallScope call;
     try {
         body();
     } catch (...) {

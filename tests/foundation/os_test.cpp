@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -11,8 +14,10 @@
 #include <filesystem>
 #include <sstream>
 
+#include "bounded_call.h"
 #include "fixture.h"
 #include "foundation/os.h"
+#include "foundation/strutil.h"
 #include "leak_check.h"
 #include "results.h"
 
@@ -76,7 +81,7 @@ TEST(Gateway, EveryDescriptorIsCloseOnExec)
         for (int each : {fd.get(), t.get(), s.get(), fileno(f.get()), dirfd(d.get())})
             EXPECT_TRUE(each >= 0 && (fcntl(each, F_GETFD) & FD_CLOEXEC)) << each;
         EXPECT_TRUE(fs::is_regular_file(fx.host(tmpl)));
-        tq::os::Pipe p = tq::os::popen("true");
+        tq::os::Pipe p = tq::os::run_shell_command("true");
         ASSERT_TRUE(p);
         EXPECT_EQ(fileno(p.get()), -1); // the output is collected already: no descriptor stays open
         EXPECT_EQ(p.close(), 0);
@@ -88,17 +93,10 @@ TEST(Gateway, SpawnRunsWithoutShellOrEnvironmentAndIsReaped)
 {
     tqtest::Fixture fx;
     tqtest::LeakCheck leaks;
-    fx.script("/usr/sbin/dmsetup", "printf 'args:%s\\nenv:%s\\nin:%s\\n' \"$*\" \"${HOME:-none}${PATH:-none}\" \"$(cat)\"");
+    fx.script("/usr/sbin/dmsetup", "printf 'args:%s\\nenv:%s\\n' \"$*\" \"${HOME:-none}${PATH:-none}\"");
     const char *argv[] = {"/usr/sbin/dmsetup", "deps", "-o", "devname", "/dev/dm-0; reboot", nullptr};
-    // The caller's standard input is its own: a helper reads /dev/null.
-    fx.write("/input", "the caller's input\n");
-    tq::UniqueFD saved_stdin(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3)); // none when it was closed
-    ASSERT_TRUE(std::freopen(fx.host("/input").c_str(), "r", stdin));
     tq::os::Child child = tq::os::spawn(argv);
-    saved_stdin ? ::dup2(saved_stdin.get(), STDIN_FILENO) : ::close(STDIN_FILENO);
-    saved_stdin.reset();
     ASSERT_TRUE(child.started);
-    EXPECT_TRUE(tqtest::contains(child.out, "\nin:\n")) << child.out;
     // dash falls back to its own default search path, but nothing is inherited.
     EXPECT_EQ(child.out.substr(0, child.out.find("env:")), "args:deps -o devname /dev/dm-0; reboot\n");
     EXPECT_EQ(child.out.find("env:none"), child.out.find("env:"));
@@ -118,57 +116,98 @@ bool not_running(pid_t pid)
     return stat.empty() || stat.substr(stat.rfind(')') + 2, 1) == "Z";
 }
 
-// Runs the program at fixture path prog in each way the library's readers use
-// (0 popen, 1 system, 2 spawn); true when the call counted as a success.
-bool run_helper(int how, const char *prog, std::string *out)
+// "status output" of the fixture program at path, run by spawn() and through the shell.
+std::string run_both_ways(const char *path)
 {
-    if (how == 0) {
-        tq::os::Pipe p = tq::os::popen(prog);
-        if (p)
-            *out = read_all(p.get());
-        return p && p.close() == 0;
-    }
-    if (how == 1)
-        return tq::os::system(std::string(prog) + " >/dev/null") == 0;
-    const char *argv[] = {prog, nullptr};
+    const char *argv[] = {path, nullptr};
     tq::os::Child c = tq::os::spawn(argv);
-    *out = c.out;
-    EXPECT_TRUE(c.started);
-    return c.status == 0;
+    tq::os::Pipe p = tq::os::run_shell_command(path);
+    std::string shell = p ? read_all(p.get()) : "<none>";
+    return std::to_string(c.status) + " " + c.out + std::to_string(p.close()) + " " + shell;
 }
 
-TEST(Gateway, HelpersStayOffTheCallersStderrAndArePastTheirTimeLimitEndedWithTheirWholeGroup)
+void reap_every_child(int)
 {
-    for (int how : {0, 1, 2}) {
-        SCOPED_TRACE(how);
-        tqtest::Fixture fx;
-        tqtest::LeakCheck leaks;
-        fx.script("/usr/sbin/dmidecode", "echo '/dev/mem: No such file or directory' >&2; echo fact");
-        testing::internal::CaptureStderr();
-        std::string out;
-        EXPECT_TRUE(run_helper(how, "/usr/sbin/dmidecode", &out));
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-        EXPECT_EQ(out, how == 1 ? "" : "fact\n");
-
-        tq::os::testing::set_helper_time_limit_ms(1000);
-        std::string pids = fx.host("/pids");
-        // The helper starts a grandchild in its group and both hang.
-        fx.script("/usr/sbin/dmidecode", "sleep 60 & echo $$ $! > '" + pids + "'; echo partial; wait");
-        auto start = std::chrono::steady_clock::now();
-        out.clear();
-        EXPECT_FALSE(run_helper(how, "/usr/sbin/dmidecode", &out));
-        EXPECT_EQ(out, "") << "what a failed helper said does not count";
-        double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-        EXPECT_TRUE(seconds >= 0.9 && seconds < 10.0) << seconds;
-        std::istringstream ids(tqtest::read_file(pids));
-        pid_t helper = 0, grandchild = 0;
-        ASSERT_TRUE(ids >> helper >> grandchild);
-        // SIGKILL is delivered asynchronously to the processes the library did not reap itself.
-        for (int i = 0; i < 100 && !(not_running(helper) && not_running(grandchild)); ++i)
-            usleep(10000);
-        EXPECT_TRUE(not_running(helper) && not_running(grandchild));
-        EXPECT_TRUE(leaks.clean());
+    while (waitpid(-1, nullptr, WNOHANG) > 0) {
     }
+}
+
+TEST(Gateway, HelpersGiveTheirStatusAndOutputWhateverTheCallersSignalsAndStandardDescriptors)
+{
+    tqtest::Fixture fx;
+    // Standard input is /dev/null, never the caller's.
+    fx.script("/usr/sbin/dmidecode", "echo '/dev/mem: No such file or directory' >&2; echo fact; cat || echo no input; exit 3");
+    fx.write("/input", "the caller's input\n");
+    const std::string stderr_file = fx.host("/stderr");
+    struct Row {
+        const char *caller;
+        void (*set_up)();
+    };
+    const Row rows[] = {
+        {"as started", [] {}},
+        {"SIGCHLD ignored", [] { signal(SIGCHLD, SIG_IGN); }},
+        {"a handler reaps every child", [] { signal(SIGCHLD, reap_every_child); }},
+        {"stdin and stdout closed", [] { close(0), close(1); }},
+        {"stdout and stderr closed", [] { close(1), close(2); }},
+        {"stdin, stdout and stderr closed", [] { close(0), close(1), close(2); }},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.caller);
+        // In a child process of the test, so that the test keeps its own set-up.
+        tqtest::BoundedCall r = tqtest::bounded_call([&] {
+            dup2(tq::os::open("/input", O_RDONLY).get(), STDIN_FILENO);
+            dup2(tq::os::open("/stderr", O_WRONLY | O_CREAT, 0644).get(), STDERR_FILENO);
+            row.set_up();
+            tqtest::LeakCheck leaks;
+            std::string answer = run_both_ways("/usr/sbin/dmidecode");
+            return answer + (leaks.clean() ? "" : " leaked");
+        });
+        EXPECT_EQ(r.answer, "768 fact\n768 fact\n"); // exit 3
+        EXPECT_EQ(tqtest::read_file(stderr_file), "") << "a helper's complaints are its own";
+    }
+}
+
+TEST(Gateway, OneCallsHelpersShareOneDeadlineAndTakeWhatTheyStartedWithThem)
+{
+    tqtest::Fixture fx;
+    tqtest::LeakCheck leaks;
+    tq::os::testing::set_helper_time_limit_ms(500);
+    int subreaper = 0; // user-mode emulators refuse PR_SET_CHILD_SUBREAPER
+    const bool adopts_orphans = prctl(PR_GET_CHILD_SUBREAPER, &subreaper) == 0;
+    const std::string pids = "'" + fx.host("/pids") + "'";
+    const struct {
+        std::string script, answer;
+    } rows[] = {
+        // Never ends: the second helper of the call comes after the deadline.
+        {"sleep 60 & echo $$ $! >> " + pids + "; echo partial; wait", "-1 -1 <none> failed"},
+        // Ends, leaving its output open in a process in its group, or in a session of its own.
+        {"sleep 60 & echo $! >> " + pids + "; echo fact", "0 fact\n0 fact\n"},
+        {"setsid sleep 60 & echo $! >> " + pids + "; echo fact", "0 fact\n0 fact\n"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.script);
+        fx.script("/usr/sbin/dmidecode", row.script);
+        auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(tq::guarded<std::string>("", [] {
+                      std::string answer = run_both_ways("/usr/sbin/dmidecode");
+                      return answer + (tq::os::helper_failed_in_call() ? " failed" : "");
+                  }),
+                  row.answer);
+        double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        EXPECT_TRUE(row.answer[0] != '-' || (seconds >= 0.45 && seconds < 0.95)) << seconds;
+        std::istringstream started(tqtest::read_file(fx.host("/pids")));
+        const bool escapes = !adopts_orphans && row.script.starts_with("setsid");
+        for (pid_t pid; started >> pid;) {
+            // Without adoption, init reaps what was killed a moment later.
+            for (int i = 0; i < 100 && !adopts_orphans && !escapes && !not_running(pid); ++i)
+                usleep(10000);
+            if (escapes)
+                kill(pid, SIGKILL); // left running by an emulator that refuses adoption
+            else
+                EXPECT_TRUE(not_running(pid)) << pid;
+        }
+    }
+    EXPECT_TRUE(leaks.clean());
 }
 
 TEST(Gateway, CallerNamedFilesMustBeRegularAndFitTheirBound)
