@@ -444,7 +444,6 @@ int helper_time_limit_ms() noexcept
 // nested, and the deadline its first helper set (0: no helper yet).
 thread_local int call_depth = 0;
 thread_local long long call_deadline = 0;
-thread_local bool call_helper_failed = false;
 
 // The moment by which a helper starting now must have ended.
 long long helper_deadline() noexcept
@@ -685,7 +684,7 @@ bool drain(int fd, std::string &out) noexcept
 
 // Runs the helper under a supervisor (see supervise()) and collects its
 // output until the supervisor reports.
-RunResult run_supervised(const RunRequest &req, const char **failed_step) noexcept
+RunResult run(const RunRequest &req, const char **failed_step) noexcept
 {
     RunResult result;
     const long long deadline = helper_deadline();
@@ -770,15 +769,6 @@ RunResult run_supervised(const RunRequest &req, const char **failed_step) noexce
     return result;
 }
 
-// run_supervised(), noting a failure of the runner for the call.
-RunResult run(const RunRequest &req, const char **failed_step) noexcept
-{
-    RunResult result = run_supervised(req, failed_step);
-    if (!result.started || result.timed_out || result.status == -1)
-        call_helper_failed = true;
-    return result;
-}
-
 RunResult run_shell(const std::string &command, bool capture) noexcept
 {
     try {
@@ -804,15 +794,6 @@ Pipe run_shell_command(const std::string &command) noexcept
     return Pipe(std::move(r.out), r.status);
 }
 
-Pipe popen(const std::string &command) noexcept { return run_shell_command(command); }
-
-int system(const std::string &command) noexcept
-{
-    RunResult r = run_shell(command, false);
-    if (!r.started || r.timed_out)
-        return -1;
-    return r.status;
-}
 
 Child spawn(const char *const argv[], const char **failed_step) noexcept
 {
@@ -837,13 +818,9 @@ Child spawn(const char *const argv[], const char **failed_step) noexcept
 
 void enter_call() noexcept
 {
-    if (call_depth++ == 0) {
+    if (call_depth++ == 0)
         call_deadline = 0;
-        call_helper_failed = false;
-    }
 }
-
-bool helper_failed_in_call() noexcept { return call_helper_failed; }
 
 void leave_call() noexcept { --call_depth; }
 

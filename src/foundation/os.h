@@ -183,11 +183,6 @@ inline constexpr size_t kHelperOutputMax = 16 * 1024 * 1024;
 // deadline, or no status learned): an empty Pipe with errno set (ETIME for
 // the deadline).
 Pipe run_shell_command(const std::string &command) noexcept;
-// Older names, kept until every reader has moved to spawn(): the first is
-// run_shell_command(); the second leaves standard output to the caller's and
-// gives the wait status, or -1 on the failures above.
-Pipe popen(const std::string &command) noexcept;
-int system(const std::string &command) noexcept;
 
 // A finished child started with execve() (no shell, empty environment).
 struct Child {
@@ -204,11 +199,6 @@ struct Child {
 // that cannot be executed ends with status 127 and "execve: reason" on the
 // caller's standard error.
 Child spawn(const char *const argv[], const char **failed_step = nullptr) noexcept;
-// Whether a helper of the exported call running on this thread has failed
-// in the runner (not started, past the deadline, no status learned) rather
-// than answered: such a call's result says nothing lasting and must not be
-// remembered.
-bool helper_failed_in_call() noexcept;
 
 // ---- kernel and device calls -----------------------------------------------
 UniqueFD socket(int domain, int type, int protocol) noexcept;
