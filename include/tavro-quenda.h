@@ -58,7 +58,7 @@ extern "C" {
  * quenda_trace() appends one line to /var/log/tavro-quenda/libtavro-quenda.log:
  * "<date> <time>.<ms> [<pid>]: <message>\n". Lines are written whole with one
  * write(), so concurrent processes and threads interleave whole lines. When the
- * log cannot be opened, standard error receives "Open log file failed: <reason>".
+ * log cannot be opened, standard error receives "Open log file failed: <reason>", once per process.
  * The log is refused, with that line, when it is a symbolic link, not a
  * regular file ("Not a regular file"), has more than one link ("Too many
  * links"), or, in a process running as root, belongs to another user ("Owned
