@@ -57,7 +57,8 @@ bool skipped_without_development_key(const std::string &row)
 {
     if (tq::generated::kTrustedKeyIsDevelopment)
         return false;
-    std::cout << "[  SKIPPED ] row '" << row << "': needs the secret half of the built-in key, "
+    // (Not gtest's "[  SKIPPED ]" marker: ctest would count the whole test as skipped.)
+    std::cout << "row not run: '" << row << "' needs the secret half of the built-in key, "
               << "and this build trusts a key other than the development key\n";
     return true;
 }
