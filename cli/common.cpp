@@ -124,6 +124,8 @@ void print_json(const cJSON *root, Json mode)
 
 int open_named(const char *cmd, const char *path, int &fd, struct stat &st, bool wait_for_writer)
 {
+    if (!*path)
+        return usage_error(cmd, "the file name is empty");
     const char *shown = shown_name(path);
     fd = -1;
     int first = 0;

@@ -81,6 +81,11 @@ int run(int argc, char **argv)
             usage(stdout);
             return cli::kOk;
         case 'V':
+            if (optind < argc) {
+                std::fprintf(stderr, "tavro-quenda: unexpected argument '%s'\n", argv[optind]);
+                std::fprintf(stderr, "Try 'tavro-quenda --help'.\n");
+                return cli::kUsage;
+            }
             std::printf("tavro-quenda %s\n", TAVRO_QUENDA_VERSION);
             std::printf("trusted OpenPGP key: %s%s\n", tq::generated::kTrustedKeyFingerprint,
                         tq::generated::kTrustedKeyIsDevelopment ? " (development key, for tests only)" : "");

@@ -45,7 +45,7 @@ fi
 options="parallel=$(nproc)"
 profiles=""
 if [ $devkey -eq 1 ]; then
-    profiles="pkg.tavro-quenda.devkey"
+    profiles="pkg.libtavro-quenda.devkey"
 else
     options="$options trusted-key=$key"
 fi
@@ -68,6 +68,31 @@ for f in "$work"/*.deb "$work"/*.buildinfo "$changes"; do
     cp "$f" "$out/"
 done
 ls -l "$out"/*.deb
+
+if [ $check -eq 1 ]; then
+    echo "build-debs: the test suite inside the package build"
+    grep -E '^[0-9]+% tests passed|^The following tests|^[[:space:]]+[0-9]+ - |^\[  SKIPPED \] |Test +#[0-9]+: .*(Skipped|Not Run)' \
+         "$work/build.log" || true
+fi
+
+echo "build-debs: the installed tool does not depend on where it was built"
+dpkg-deb --fsys-tarfile "$work"/tavro-quenda-tools_*.deb | tar -xO ./usr/bin/tavro-quenda >"$work/tool"
+if grep -a -q -e "$work" -e '$ORIGIN' "$work/tool" || readelf -dW "$work/tool" | grep -q -E 'RPATH|RUNPATH'; then
+    echo "build-debs: usr/bin/tavro-quenda carries an RPATH or the build directory's path" >&2
+    exit 1
+fi
+
+echo "build-debs: purging libtavro-quenda-common removes the trace log directory"
+mkdir -p "$work/root/var/log/tavro-quenda" "$work/control"
+touch "$work/root/var/log/tavro-quenda/libtavro-quenda.log" "$work/root/var/log/tavro-quenda/libtavro-quenda.log.2.gz"
+dpkg-deb -e "$work"/libtavro-quenda-common_*.deb "$work/control"
+DPKG_ROOT="$work/root" sh "$work/control/postrm" remove
+[ -d "$work/root/var/log/tavro-quenda" ] || { echo "build-debs: remove (not purge) took the logs" >&2; exit 1; }
+DPKG_ROOT="$work/root" sh "$work/control/postrm" purge
+if [ -e "$work/root/var/log/tavro-quenda" ]; then
+    echo "build-debs: purge left /var/log/tavro-quenda" >&2
+    exit 1
+fi
 
 echo "build-debs: lintian"
 lintian_out="$work/lintian.txt"

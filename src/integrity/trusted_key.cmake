@@ -1,7 +1,9 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
-# The one OpenPGP key the library trusts is compiled in. A small tool built
-# first reads the key packet for the fingerprint, key ID and creation time and
-# writes them, with the key's bytes, into a generated header.
+# The one OpenPGP key the library trusts is compiled in. A small tool run at
+# configure time reads the key packet for the fingerprint, key ID and creation time and
+# writes them, with the key's bytes, into a generated header; tests read
+# kTrustedKeyIsDevelopment from it to skip what needs the development key's
+# secret half.
 set(TQ_DEVELOPMENT_KEY ${PROJECT_SOURCE_DIR}/tests/keys/test-only/dev-public.gpg)
 if(NOT EXISTS "${TAVRO_QUENDA_TRUSTED_KEY}")
   message(FATAL_ERROR "TAVRO_QUENDA_TRUSTED_KEY: no such file: ${TAVRO_QUENDA_TRUSTED_KEY}")
@@ -35,19 +37,30 @@ endif()
 # Re-run the check above when the key file changes.
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${TAVRO_QUENDA_TRUSTED_KEY}")
 
-# A cross build runs the tool through its emulator (CMake puts it in front).
+# The generator is compiled and run at configure time, so that a key that does
+# not fit or cannot encrypt stops the configuration with the reason. A cross
+# build runs it through its emulator.
 if(CMAKE_CROSSCOMPILING AND NOT CMAKE_CROSSCOMPILING_EMULATOR)
-  message(FATAL_ERROR "A cross build runs tq_trusted_key_gen at build time: set CMAKE_CROSSCOMPILING_EMULATOR")
+  message(FATAL_ERROR "A cross build runs tq_trusted_key_gen at configure time: set CMAKE_CROSSCOMPILING_EMULATOR")
 endif()
-add_executable(tq_trusted_key_gen ${CMAKE_CURRENT_LIST_DIR}/trusted_key_gen.cpp)
-target_link_libraries(tq_trusted_key_gen PRIVATE PkgConfig::LIBCRYPTO)
 set(TQ_TRUSTED_KEY_HEADER ${PROJECT_BINARY_DIR}/generated/tavro_quenda_trusted_key.h)
-add_custom_command(
-  OUTPUT ${TQ_TRUSTED_KEY_HEADER}
-  COMMAND ${CMAKE_COMMAND} -E make_directory ${PROJECT_BINARY_DIR}/generated
-  COMMAND tq_trusted_key_gen "${TAVRO_QUENDA_TRUSTED_KEY}" ${TQ_TRUSTED_KEY_HEADER} ${tq_is_dev_key}
-  DEPENDS tq_trusted_key_gen "${TAVRO_QUENDA_TRUSTED_KEY}"
-  COMMENT "Generating the trusted-key header"
-  VERBATIM)
-add_custom_target(tq_trusted_key DEPENDS ${TQ_TRUSTED_KEY_HEADER})
-add_dependencies(tq_integrity tq_trusted_key)
+file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/generated)
+try_run(tq_key_run tq_key_compiled
+  SOURCES ${CMAKE_CURRENT_LIST_DIR}/trusted_key_gen.cpp
+  CXX_STANDARD 20
+  LINK_LIBRARIES PkgConfig::LIBCRYPTO
+  NO_CACHE
+  COMPILE_OUTPUT_VARIABLE tq_key_compile_output
+  RUN_OUTPUT_VARIABLE tq_key_run_output
+  ARGS "${TAVRO_QUENDA_TRUSTED_KEY}" "${TQ_TRUSTED_KEY_HEADER}.new" ${tq_is_dev_key})
+if(NOT tq_key_compiled)
+  message(FATAL_ERROR "Could not build tq_trusted_key_gen:\n${tq_key_compile_output}")
+endif()
+if(NOT tq_key_run EQUAL 0)
+  string(STRIP "${tq_key_run_output}" tq_key_run_output)
+  message(FATAL_ERROR "TAVRO_QUENDA_TRUSTED_KEY refused: ${tq_key_run_output}")
+endif()
+# Rewritten only when it changes, so that a reconfiguration rebuilds nothing.
+file(COPY_FILE ${TQ_TRUSTED_KEY_HEADER}.new ${TQ_TRUSTED_KEY_HEADER} ONLY_IF_DIFFERENT)
+file(REMOVE ${TQ_TRUSTED_KEY_HEADER}.new)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${CMAKE_CURRENT_LIST_DIR}/trusted_key_gen.cpp)

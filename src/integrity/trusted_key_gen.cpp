@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Build-time tool: reads the binary OpenPGP public key the library is to
+// Configure-time tool: reads the binary OpenPGP public key the library is to
 // trust and writes a header with its bytes, fingerprint, long key ID and
 // creation time, all taken from the key packet itself so nothing is typed by
-// hand and no gpg is needed to build.
+// hand and no gpg is needed to build. A key that cannot encrypt is refused
+// here, because gpg_encrypt could only ever fail with it.
 //
 //   tq_trusted_key_gen KEY_FILE OUTPUT_HEADER IS_DEVELOPMENT_KEY(0|1)
 #include <openssl/evp.h>
@@ -19,8 +20,12 @@
 
 namespace {
 
-constexpr size_t kMaxKeySize = 1024;
+// Room for any key a distribution signs with: an RSA 4096 key with several
+// user IDs and subkeys stays well below this.
+constexpr size_t kMaxKeySize = 16384;
+constexpr unsigned kSignatureTag = 2;
 constexpr unsigned kPublicKeyTag = 6;
+constexpr unsigned kPublicSubkeyTag = 14;
 
 struct Packet {
     unsigned tag = 0;
@@ -34,16 +39,16 @@ struct Packet {
     std::exit(1);
 }
 
-// The header of the first packet, in either the old or the new format.
-std::optional<Packet> first_packet(const std::vector<unsigned char> &key)
+// The header of the packet at `start`, in either the old or the new format.
+std::optional<Packet> packet_at(const std::vector<unsigned char> &key, size_t start)
 {
-    if (key.size() < 2 || !(key[0] & 0x80))
+    if (start + 2 > key.size() || !(key[start] & 0x80))
         return std::nullopt; // armoured text, or not OpenPGP at all
     Packet p;
-    size_t pos = 1;
+    size_t pos = start + 1;
     auto need = [&](size_t n) { return pos + n <= key.size(); };
-    if (key[0] & 0x40) {
-        p.tag = key[0] & 0x3f;
+    if (key[start] & 0x40) {
+        p.tag = key[start] & 0x3f;
         unsigned first = key[pos];
         if (first < 192) {
             p.body_length = first;
@@ -63,8 +68,8 @@ std::optional<Packet> first_packet(const std::vector<unsigned char> &key)
             return std::nullopt; // partial lengths never occur in key packets
         }
     } else {
-        p.tag = (key[0] >> 2) & 0x0f;
-        switch (key[0] & 0x03) {
+        p.tag = (key[start] >> 2) & 0x0f;
+        switch (key[start] & 0x03) {
         case 0:
             p.body_length = key[pos];
             pos += 1;
@@ -92,6 +97,78 @@ std::optional<Packet> first_packet(const std::vector<unsigned char> &key)
     return p;
 }
 
+// Public-key algorithms that can encrypt: RSA, RSA encrypt-only, Elgamal,
+// ECDH, X25519, X448.
+bool algorithm_can_encrypt(unsigned algorithm)
+{
+    return algorithm == 1 || algorithm == 2 || algorithm == 16 || algorithm == 18 || algorithm == 25 || algorithm == 26;
+}
+
+// The key-flags subpacket of a version 4 signature's hashed area, if any.
+std::optional<unsigned> key_flags(const unsigned char *sig, size_t length)
+{
+    if (length < 6 || sig[0] != 4)
+        return std::nullopt;
+    size_t end = 6 + ((size_t{sig[4]} << 8) | sig[5]);
+    if (end > length)
+        return std::nullopt;
+    for (size_t pos = 6; pos < end;) {
+        size_t sub_length = sig[pos];
+        if (sub_length < 192) {
+            pos += 1;
+        } else if (sub_length < 255 && pos + 1 < end) {
+            sub_length = ((sub_length - 192) << 8) + sig[pos + 1] + 192;
+            pos += 2;
+        } else if (sub_length == 255 && pos + 4 < end) {
+            sub_length = (size_t{sig[pos + 1]} << 24) | (size_t{sig[pos + 2]} << 16) | (size_t{sig[pos + 3]} << 8) |
+                         sig[pos + 4];
+            pos += 5;
+        } else {
+            return std::nullopt;
+        }
+        if (sub_length == 0 || sub_length > end - pos)
+            return std::nullopt;
+        if ((sig[pos] & 0x7f) == 27 && sub_length >= 2)
+            return sig[pos + 1];
+        pos += sub_length;
+    }
+    return std::nullopt;
+}
+
+// Whether the primary key or a subkey that is not revoked may encrypt: its
+// algorithm can, and its latest self-signature, where it carries key flags,
+// allows encrypting communications or storage.
+bool can_encrypt(const std::vector<unsigned char> &key)
+{
+    struct Component {
+        bool algorithm_ok = false, flags_ok = true, revoked = false;
+    };
+    std::vector<Component> components;
+    for (size_t pos = 0; pos < key.size();) {
+        std::optional<Packet> p = packet_at(key, pos);
+        if (!p)
+            break;
+        const unsigned char *body = key.data() + p->body_offset;
+        if (p->tag == kPublicKeyTag || p->tag == kPublicSubkeyTag) {
+            components.push_back({p->body_length >= 6 && body[0] == 4 && algorithm_can_encrypt(body[5])});
+        } else if (p->tag == kSignatureTag && !components.empty() && p->body_length >= 2) {
+            Component &c = components.back();
+            unsigned type = body[1];
+            if (type == 0x20 || type == 0x28) {
+                c.revoked = true;
+            } else if ((type >= 0x10 && type <= 0x13) || type == 0x18 || type == 0x1f) {
+                if (std::optional<unsigned> flags = key_flags(body, p->body_length))
+                    c.flags_ok = (*flags & 0x0c) != 0;
+            }
+        }
+        pos = p->body_offset + p->body_length;
+    }
+    for (const Component &c : components)
+        if (c.algorithm_ok && c.flags_ok && !c.revoked)
+            return true;
+    return false;
+}
+
 std::string hex(const unsigned char *bytes, size_t n)
 {
     static const char digits[] = "0123456789ABCDEF";
@@ -115,9 +192,10 @@ int main(int argc, char **argv)
         fail("cannot read " + key_path);
     std::vector<unsigned char> key{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
     if (key.empty() || key.size() > kMaxKeySize)
-        fail(key_path + ": a trusted key must hold 1 to 1024 bytes, this one holds " + std::to_string(key.size()));
+        fail(key_path + ": a trusted key must hold 1 to " + std::to_string(kMaxKeySize) + " bytes, this one holds " +
+             std::to_string(key.size()));
 
-    std::optional<Packet> packet = first_packet(key);
+    std::optional<Packet> packet = packet_at(key, 0);
     if (!packet)
         fail(key_path + ": not a binary OpenPGP key (export it without --armor)");
     if (packet->tag != kPublicKeyTag)
@@ -127,6 +205,9 @@ int main(int argc, char **argv)
         fail(key_path + ": only version 4 keys are supported");
     if (packet->body_length > 0xffff)
         fail(key_path + ": key packet too long");
+    if (!can_encrypt(key))
+        fail(key_path + ": this key cannot encrypt (it is sign-only: neither the primary key nor a subkey may "
+                        "encrypt), so gpg_encrypt would always fail; export a key that has an encryption subkey");
 
     // v4 fingerprint: SHA-1 over 0x99, the two-byte body length and the body.
     unsigned char prefix[3] = {0x99, static_cast<unsigned char>(packet->body_length >> 8),
@@ -147,9 +228,9 @@ int main(int argc, char **argv)
     const bool development = std::string(argv[3]) == "1";
 
     std::ostringstream h;
-    h << "// Generated at build time from " << key_path << "; do not edit.\n"
+    h << "// Generated at configure time from " << key_path << "; do not edit.\n"
       << "#pragma once\n\n#include <cstdint>\n\nnamespace tq::generated {\n\n"
-      << "inline constexpr unsigned char kTrustedKeyData[1024] = {";
+      << "inline constexpr unsigned char kTrustedKeyData[" << kMaxKeySize << "] = {";
     for (size_t i = 0; i < key.size(); ++i)
         h << (i % 12 == 0 ? "\n    " : " ") << static_cast<unsigned>(key[i]) << ",";
     h << "\n};\n"

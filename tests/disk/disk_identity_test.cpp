@@ -22,8 +22,8 @@ protected:
         mapping(fx, "centos-root");
         root_on("/dev/mapper/centos-root");
         fx.program("/bin/lsblk", "lvm\n");
-        fx.program("/sbin/lvdisplay",
-                   tqtest::read_file(tqtest::corpus("lvm/lvdisplay-centos7-swap-root-missing-pv-warning.txt")));
+        fx.program("/sbin/lvdisplay", "  --- Logical volume ---\n  LV Path                /dev/centos/root\n"
+                                      "  LV Name                root\n  VG Name                centos\n");
         fx.program("/sbin/pvdisplay", "  --- Physical volume ---\n  PV Name               " + pv +
                                           "\n  VG Name               centos\n  PV Size               49.51 GiB\n");
         // smartctl knows the disk but reports no serial for the logical volume itself.
@@ -56,10 +56,10 @@ TEST_F(SystemDisk, ByUuidRootFallsThroughToSmartctl)
     fx.write("/proc/mounts", "/dev/root / ext4 rw 0 0\n");
     fx.write("/proc/cmdline", "console=ttyS0 root=UUID=0a1b-2c3d rootwait\n");
     // The ATA reader opens /dev/<uuid>, which does not exist: the disk's own
-    // ATA answer is never seen, and smartctl reads the USB bridge.
+    // ATA answer is never seen, and smartctl reads the disk behind the USB bridge.
     fake_ata_identity("/dev/sda1", "ATA", "ANSWER");
-    fx.program(kSmartctl, tqtest::read_file(tqtest::corpus("smartctl/usb-sat-asmedia-asmt106x-bridge-name-as-model.txt")));
-    EXPECT_EQ(identity(), "ASMT106x_V0Safe_--");
+    fx.program(kSmartctl, tqtest::read_file(tqtest::corpus("smartctl/nvme-usb-asmedia-samsung-portable-t7-aarch64.txt")));
+    EXPECT_EQ(identity(), "SamsungPortableSSDT7_S7MNNS0Y828393V");
     EXPECT_EQ(fx.calls(kSmartctl), Calls{"-i " + fx.host("/dev/sda1")});
 }
 

@@ -184,8 +184,10 @@ TEST_F(NetworkMac, OnlyAProvenNonUsbAttachmentCounts)
 TEST_F(NetworkMac, BondSlavesComeFromTheBondingFiles)
 {
     tqtest::Fixture f;
-    f.copy("/proc/net/bonding/bond0", tqtest::corpus("bonding/bond0-active-backup-fail-over-mac-vagrant.txt"));
-    EXPECT_EQ(tq::max_permanent_mac(tq::bonding_file_slaves("/proc/net/bonding/bond0")), "08:00:27:f1:97:66");
+    f.write("/proc/net/bonding/bond0", "Bonding Mode: fault-tolerance (active-backup)\nCurrently Active Slave: eth1\n\n"
+                                       "Slave Interface: eth1\nMII Status: up\nPermanent HW addr: 52:54:00:9d:9a:2a\n\n"
+                                       "Slave Interface: eth2\nMII Status: up\nPermanent HW addr: 52:54:00:f1:97:66\n");
+    EXPECT_EQ(tq::max_permanent_mac(tq::bonding_file_slaves("/proc/net/bonding/bond0")), "52:54:00:f1:97:66");
 
     // Names are cut at 127 bytes; a slave without a permanent address line contributes nothing.
     f.write("/proc/net/bonding/bond0", "Slave Interface: eth0\r\nPermanent HW addr: AA:BB:CC:DD:EE:0F\r\n"
