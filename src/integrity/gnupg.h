@@ -17,7 +17,7 @@ namespace tq {
 
 // The key signed files must be signed with; supplied at build time.
 struct TrustedKey {
-    const unsigned char *data; // 1024 bytes, the first `length` of them valid
+    const unsigned char *data; // the first `length` bytes are the key
     uint32_t length;
     const char *fingerprint; // 40 upper-case hex digits
     const char *key_id;      // its last 16 digits
