@@ -462,7 +462,6 @@ struct RunRequest {
     const char *program;        // path to execve()
     char *const *argv;
     char *const *envp;
-    bool capture;               // standard output into RunResult::out (else the caller's)
     bool report_exec_failure;   // "execve: reason" on the caller's stderr
 };
 
@@ -588,8 +587,7 @@ void sweep(long long until) noexcept
     int saved_err = req.report_exec_failure ? ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3) : -1;
     // Every source is above 2, so each dup2() makes a fresh, inheritable copy.
     ::dup2(null_fd, STDIN_FILENO);
-    if (out_fd >= 0)
-        ::dup2(out_fd, STDOUT_FILENO);
+    ::dup2(out_fd, STDOUT_FILENO);
     ::dup2(null_fd, STDERR_FILENO);
     // Default signal handling and an empty mask, whatever the caller set up.
     struct sigaction dfl;
@@ -637,8 +635,7 @@ void sweep(long long until) noexcept
     } else {
         report.started = 1;
         ::setpgid(pid, pid); // also here, so the group exists whichever runs first
-        if (out_fd >= 0)
-            ::close(out_fd);
+        ::close(out_fd);
         while (!has_ended(pid)) {
             if (!wait_sigchld(deadline)) {
                 report.timed_out = 1;
@@ -697,7 +694,7 @@ RunResult run(const RunRequest &req, const char **failed_step) noexcept
     }
     UniqueFD null_fd = above_stdio(::open("/dev/null", O_RDWR | O_CLOEXEC));
     UniqueFD out_r, out_w, report_r, report_w;
-    if (!null_fd || (req.capture && !make_pipe(&out_r, &out_w)) || !make_pipe(&report_r, &report_w) ||
+    if (!null_fd || !make_pipe(&out_r, &out_w) || !make_pipe(&report_r, &report_w) ||
         ::fcntl(report_r.get(), F_SETFL, O_NONBLOCK) != 0 ||
         (out_r && ::fcntl(out_r.get(), F_SETFL, O_NONBLOCK) != 0)) {
         if (failed_step)
@@ -769,7 +766,7 @@ RunResult run(const RunRequest &req, const char **failed_step) noexcept
     return result;
 }
 
-RunResult run_shell(const std::string &command, bool capture) noexcept
+RunResult run_shell(const std::string &command) noexcept
 {
     try {
         std::string line = command;
@@ -777,7 +774,7 @@ RunResult run_shell(const std::string &command, bool capture) noexcept
             line = host_path(line);
         char sh[] = "sh", dash_c[] = "-c";
         char *const argv[] = {sh, dash_c, line.data(), nullptr};
-        return run({"/bin/sh", argv, environ, capture, false}, nullptr);
+        return run({"/bin/sh", argv, environ, false}, nullptr);
     } catch (...) {
         errno = ENOMEM;
         return RunResult{};
@@ -788,7 +785,7 @@ RunResult run_shell(const std::string &command, bool capture) noexcept
 
 Pipe run_shell_command(const std::string &command) noexcept
 {
-    RunResult r = run_shell(command, true);
+    RunResult r = run_shell(command);
     if (!r.started || r.timed_out || r.status == -1)
         return Pipe();
     return Pipe(std::move(r.out), r.status);
@@ -805,7 +802,7 @@ Child spawn(const char *const argv[], const char **failed_step) noexcept
         return child;
     }
     char *const empty_env[] = {nullptr};
-    RunResult r = run({program.c_str(), const_cast<char *const *>(argv), empty_env, true, true}, failed_step);
+    RunResult r = run({program.c_str(), const_cast<char *const *>(argv), empty_env, true}, failed_step);
     child.started = r.started;
     // A helper past the deadline, or one whose end went unseen, failed:
     // no status, and nothing it said counts.
