@@ -9,7 +9,7 @@ set -eu
 packages="cmake make g++ pkgconf
 libglib2.0-dev libssl-dev libgpgme-dev libcjson-dev libblkid-dev libcdio-dev
 libgtest-dev libgmock-dev libbenchmark-dev
-gnupg openssl coreutils util-linux faketime dmidecode ethtool
+gnupg openssl coreutils util-linux faketime dmidecode smartmontools ethtool
 abigail-tools man-db groff-base debhelper dpkg-dev fakeroot lintian
 jq bash-completion"
 if [ "${1:-}" = "--fuzz" ]; then
