@@ -54,6 +54,21 @@ bool read_all(int fd, size_t max, std::string &out, bool &too_big)
 
 } // namespace
 
+bool write_all(int fd, const void *data, size_t size)
+{
+    const char *p = static_cast<const char *>(data);
+    while (size > 0) {
+        ssize_t n = ::write(fd, p, size);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        p += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
 int fail(int status, const char *cmd, const char *format, ...)
 {
     va_list args;
@@ -216,14 +231,8 @@ int InputPath::open(const char *cmd, const char *path, size_t max, bool streams)
         return fail(kSystem, cmd, "%s: %s", templ.c_str(), std::strerror(errno));
     path_ = templ;
     temporary_ = true;
-    for (size_t done = 0; done < data.size();) {
-        ssize_t n = ::write(copy.fd, data.data() + done, data.size() - done);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0)
-            return fail(kSystem, cmd, "%s: %s", path_.c_str(), std::strerror(errno));
-        done += static_cast<size_t>(n);
-    }
+    if (!write_all(copy.fd, data.data(), data.size()))
+        return fail(kSystem, cmd, "%s: %s", path_.c_str(), std::strerror(errno));
     return kOk;
 }
 

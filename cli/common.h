@@ -67,6 +67,9 @@ int open_named(const char *cmd, const char *path, int &fd, struct stat &st, bool
 // more than max bytes. Returns 0 or an exit status.
 int read_whole(const char *cmd, const char *path, size_t max, std::string &out);
 
+// Writes all of data to fd, going on after EINTR and short writes; errno on failure.
+bool write_all(int fd, const void *data, size_t size);
+
 // A path the library can open for a file named on the command line. For "-"
 // (and, with streams, a named FIFO or socket such as /dev/stdin or <(...))
 // the stream is copied to a private temporary file, removed again when this

@@ -211,14 +211,8 @@ int write_file(const char *cmd, const char *path, const unsigned char *data, siz
         temp.path.clear();
         return fail(kSystem, cmd, "%s: %s", path, std::strerror(errno));
     }
-    for (size_t done = 0; done < size;) {
-        ssize_t n = ::write(temp.fd, data + done, size - done);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0)
-            return fail(kSystem, cmd, "%s: %s", path, std::strerror(errno));
-        done += static_cast<size_t>(n);
-    }
+    if (!write_all(temp.fd, data, size))
+        return fail(kSystem, cmd, "%s: %s", path, std::strerror(errno));
     if (::fsync(temp.fd) != 0 || ::close(std::exchange(temp.fd, -1)) != 0 ||
         ::rename(temp.path.c_str(), path) != 0)
         return fail(kSystem, cmd, "%s: %s", path, std::strerror(errno));

@@ -371,6 +371,21 @@ bool read_into(int fd, size_t max, std::string_view stop, bool whole, std::strin
 
 bool read_bounded(int fd, size_t max, std::string *out) noexcept { return read_into(fd, max, {}, true, out); }
 
+bool write_all(int fd, const void *data, size_t size) noexcept
+{
+    const char *p = static_cast<const char *>(data);
+    while (size > 0) {
+        ssize_t n = ::write(fd, p, size);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        p += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
 bool read_input(const char *path, size_t max, std::string *out) noexcept
 {
     UniqueFD fd = open_input(path);

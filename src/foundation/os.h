@@ -125,6 +125,8 @@ UniqueFD open_input(const char *path, InputKind kind = InputKind::regular) noexc
 // /proc files report size 0, so the size is never trusted. On failure *out is
 // untouched and errno is set.
 bool read_bounded(int fd, size_t max, std::string *out) noexcept;
+// Writes all of data to fd, going on after EINTR and short writes; errno on failure.
+bool write_all(int fd, const void *data, size_t size) noexcept;
 // open_input() then read_bounded().
 bool read_input(const char *path, size_t max, std::string *out) noexcept;
 // open_input() then reads the start of the file: at most max bytes, and no

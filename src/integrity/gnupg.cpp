@@ -132,21 +132,6 @@ private:
     CString path_;
 };
 
-bool write_all(int fd, const void *data, size_t size) noexcept
-{
-    const char *p = static_cast<const char *>(data);
-    while (size > 0) {
-        ssize_t n = ::write(fd, p, size);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        p += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
 // gpg starts a key agent for an import when none runs for the home, and that
 // agent would outlive the throw-away home. Our homes never need one. Nor do
 // they keep a random seed file: GPGME leaves its gpg to end on its own, and
@@ -157,7 +142,7 @@ bool write_private_conf(const char *home) noexcept
     char conf[sizeof(kHomeTemplate) + sizeof("/gpg.conf")];
     std::snprintf(conf, sizeof(conf), "%s/gpg.conf", home);
     UniqueFD fd = os::open(conf, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
-    return fd && write_all(fd.get(), kConf, sizeof(kConf) - 1);
+    return fd && os::write_all(fd.get(), kConf, sizeof(kConf) - 1);
 }
 
 // A new private GnuPG home holding only our gpg.conf, or nothing when none
@@ -240,7 +225,7 @@ CString make_temp_pubkey() noexcept
     if (!fd)
         return nullptr;
     const TrustedKey &key = trusted_key[0];
-    bool written = write_all(fd.get(), key.data, key.length);
+    bool written = os::write_all(fd.get(), key.data, key.length);
     if (::close(fd.release()) != 0)
         written = false;
     if (!written) {
@@ -400,7 +385,7 @@ CmdOutcome verify_content(const std::string &bytes, char **content, size_t *cont
     const std::string copy = std::string(home->path()) + "/signed.asc";
     {
         UniqueFD fd = os::open(copy.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
-        if (!fd || !write_all(fd.get(), bytes.data(), bytes.size()) || ::close(fd.release()) != 0) {
+        if (!fd || !os::write_all(fd.get(), bytes.data(), bytes.size()) || ::close(fd.release()) != 0) {
             quenda_trace("gpg_verify_cmd, cannot write %s", copy.c_str());
             return {kNoPrivateHome, false};
         }

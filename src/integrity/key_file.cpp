@@ -80,14 +80,8 @@ bool replace_file(const char *path, const char *data, size_t length, const struc
     UniqueFD fd = os::create_beside(path, old ? 0600 : 0644, &temp.path);
     if (!fd)
         return failed(why, "cannot create a temporary file");
-    for (size_t done = 0; done < length;) {
-        ssize_t n = ::write(fd.get(), data + done, length - done);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0)
-            return failed(why, "cannot write");
-        done += static_cast<size_t>(n);
-    }
+    if (!os::write_all(fd.get(), data, length))
+        return failed(why, "cannot write");
     if (old) {
         struct stat now {};
         if (::fstat(fd.get(), &now) != 0)
