@@ -141,10 +141,10 @@ extern "C" {
 bool quenda_logger_env_init(void) noexcept
 {
     // Called by quenda_trace() when the log's directory is missing; the open
-    // that follows decides. A directory made
-    // here gets 0755 whatever the umask: never writable by others. One that
-    // exists is left as it is: its owner chose its mode, and the log file is
-    // checked on its own when it is opened.
+    // that follows decides. A directory made here gets 0755 whatever the
+    // umask: never writable by others. One that exists is left as it is: its
+    // owner chose its mode, and the log file is checked on its own when it is
+    // opened.
     if (tq::os::mkdir(kLogDirectory, 0700) == 0) {
         tq::UniqueFD dir = tq::os::open(kLogDirectory, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
         if (dir)
