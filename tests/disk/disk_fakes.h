@@ -48,10 +48,8 @@ inline void fake_ata_identity(std::string node_suffix, std::string model, std::s
         }
         char *id = static_cast<char *>(arg);
         std::memset(id, 0, 512);
-        std::memset(id + 20, ' ', 20);
-        std::memset(id + 54, ' ', 40);
-        serial.copy(id + 20, 20);
-        model.copy(id + 54, 40);
+        (serial + std::string(20, ' ')).copy(id + 20, 20);
+        (model + std::string(40, ' ')).copy(id + 54, 40);
         return 0;
     });
 }
