@@ -10,7 +10,10 @@
 #include <filesystem>
 #include <optional>
 #include <regex>
+#include <string>
 #include <thread>
+#include <tuple>
+#include <vector>
 
 #include "built_program.h"
 #include "fixture.h"
