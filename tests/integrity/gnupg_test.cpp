@@ -75,7 +75,7 @@ protected:
         ::setenv("GNUPGHOME", fx_.host("/home/gnupg").c_str(), 1);
         std::setlocale(LC_CTYPE, "C.UTF-8");
         locale_ = std::setlocale(LC_ALL, nullptr);
-        path_ = ::getenv("PATH");
+        path_ = ::getenv("PATH") ? ::getenv("PATH") : "/usr/bin:/bin";
         fx_.path_script("gpg", "exit 0");
         fx_.path_script("gpgconf", "exit 0");
     }
