@@ -23,10 +23,8 @@ TEST(Cleaners, RemoveExactlyTheirOwnBytes)
         c.cleaner(text.data());
         EXPECT_STREQ(text.c_str(), c.out) << c.in;
     }
-    // Null arguments are ignored where allowed.
-    removeSpaces(nullptr);
-    removeSpecialChar(nullptr);
-    toLowerCase(nullptr);
+    for (auto cleaner : {removeSpaces, removeSpecialChar, toLowerCase})
+        cleaner(nullptr); // ignored where allowed
 }
 
 // remove_null_chars() leaves copies of the last byte at the end, and never
