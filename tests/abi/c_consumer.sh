@@ -15,9 +15,8 @@ trap 'rm -rf "$work"' EXIT
 # A test installation: opt in to installing the development key, if embedded.
 cmake -DCMAKE_INSTALL_PREFIX="$work/prefix" -DTAVRO_QUENDA_ALLOW_DEVELOPMENT_KEY=ON \
       -P "$build/cmake_install.cmake" >/dev/null
-pc=$(find "$work/prefix" -name tavro-quenda.pc)
-sed -i "s|^prefix=.*|prefix=$work/prefix|" "$pc" # it names the configured prefix
-export PKG_CONFIG_PATH=${pc%/*}
+PKG_CONFIG_PATH=$(find "$work/prefix" -name tavro-quenda.pc -printf %h) && export PKG_CONFIG_PATH
+sed -i "s|^prefix=.*|prefix=$work/prefix|" "$PKG_CONFIG_PATH/tavro-quenda.pc" # it names the configured prefix
 # shellcheck disable=SC2086,SC2046
 "$compiler" -std=c11 -Wall -Wextra -Werror $extra_flags "$source" $(pkg-config --cflags --libs tavro-quenda) \
     -o "$work/consumer"

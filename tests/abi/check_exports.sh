@@ -12,4 +12,4 @@ diff <(echo "$listed") <(sed -n -e 's/^TAVRO_QUENDA_API [^(]*[ *]\([A-Za-z_][A-Z
     -e 's/^TAVRO_QUENDA_API extern [^;]*[ *]\([A-Za-z_][A-Za-z0-9_]*\)\[.*/\1/p' "$header" | sort)
 relocated=$(readelf -rW "$lib" | awk 'NF >= 5 && $1 ~ /^[0-9a-f]+$/ { sub(/@.*/, "", $5); print $5 }' | sort -u)
 comm -12 <(echo "$listed") <(echo "$relocated") | { ! grep . ; }
-objdump -p "$lib" | grep -qE '^ +SONAME +libtavro-quenda\.so\.1$'
+[ "$(objdump -p "$lib" | awk '$1 == "SONAME" { print $2 }')" = libtavro-quenda.so.1 ]

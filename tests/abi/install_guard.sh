@@ -8,8 +8,7 @@ set -euo pipefail
 case $3 in ON | 1 | TRUE) echo "this build allows installing the development key"; exit 77 ;; esac
 work=$(mktemp -d /tmp/tq-install-guard-XXXXXX)
 trap 'rm -rf "$work"' EXIT
-mkdir "$work/prefix"
 if cmake --install "$1" --prefix "$work/prefix" 2>&1 | tee "$work/out"; then exit 1; fi
 grep -q TAVRO_QUENDA_TRUSTED_KEY "$work/out"
 grep -q TAVRO_QUENDA_ALLOW_DEVELOPMENT_KEY "$work/out"
-[ -z "$(ls -A "$work/prefix")" ]
+[ -z "$(ls -A "$work/prefix" 2>/dev/null)" ]

@@ -30,9 +30,9 @@ void PrintTo(const Outcome &r, std::ostream *os) { *os << "status " << r.status 
 // How the tool is started: a shell word, for command lines and pipelines alike.
 const std::string kCli = tqtest::built_program(TQ_CLI);
 
-// Runs a /bin/sh command line in dir, where "tq" starts the tool (and "$TQ" in a command line
-// of its own), capturing standard output and error. The library's word about a trace log it may not open (when the tests run
-// unprivileged) is left out.
+// Runs a /bin/sh command line in dir, where "tq" starts the tool (and "$TQ" in a command
+// line of its own), capturing standard output and error. The library's word about a trace
+// log it may not open (when the tests run unprivileged) is left out.
 Outcome run_shell(const std::string &command, const std::string &dir = "/")
 {
     char out[] = "/tmp/tq-cli-out-XXXXXX", err[] = "/tmp/tq-cli-err-XXXXXX";
@@ -54,13 +54,15 @@ TEST(Cli, EveryOutcomeHasItsExitStatusAndSaysWhy)
     tqtest::Fixture d; // a scratch directory, the rows' working directory; the tool runs on the real system
     for (const char *name : {"/hello-dev.asc", "/hello-other.asc", "/big-dev.asc", "/hello-dev.gpg"})
         d.copy(name, TQ_GNUPG_DATA + std::string(name));
-    for (auto [name, text] : {std::pair{"/abc", "abc"}, {"/empty", ""}, {"/victim", "secret\n"}, {"/kept.conf", "[G]\nK=v\n"}})
+    for (auto [name, text] : {std::pair{"/abc", "abc"}, {"/empty", ""}, {"/victim", "x\n"}, {"/kept.conf", "[G]\nK=v\n"}})
         d.write(name, text);
     // A key file kept behind a link, not the writer's (where the tests run as root) and not
     // world-readable: written where the link points, with the owner and mode it had.
     const std::string kept = "chmod 640 kept.conf && { chown 65534 kept.conf 2>/dev/null; ln -s kept.conf link.conf; } && "
-                             "tq keyfile set link.conf G K w && stat -c '%a %u %F' kept.conf && stat -c %F link.conf && cat kept.conf";
-    const std::string kept_out = "640 " + std::to_string(geteuid() == 0 ? 65534 : geteuid()) + " regular file\nsymbolic link\n[G]\nK=w\n";
+                             "tq keyfile set link.conf G K w && stat -c '%a %u %F' kept.conf && stat -c %F link.conf && "
+                             "cat kept.conf";
+    const std::string kept_out =
+        "640 " + std::to_string(geteuid() == 0 ? 65534 : geteuid()) + " regular file\nsymbolic link\n[G]\nK=w\n";
     // Signatures by the built-in key ("*-dev.*") need its secret half, which the tests hold only
     // for the development key: a build trusting another key leaves those rows out, saying so.
     struct Row {
@@ -102,7 +104,7 @@ TEST(Cli, EveryOutcomeHasItsExitStatusAndSaysWhy)
         // Replaced by a new owner-only file, never written through a link.
         {": >old && chmod 644 old && tq record write old <abc && stat -c %a old && tq record read old", 0, "", "600\nabc"},
         {"ln -s victim link && tq record write link <abc && stat -c '%a %F' link && cat victim", 0, "",
-         "600 regular file\nsecret\n"},
+         "600 regular file\nx\n"},
         {"tq keyfile get kept.conf G X", 1, "keyfile: kept.conf: no key 'X' in group [G]"},
         {"tq keyfile set /x/y/z G K v", 3, "keyfile: /x/y/z: not written: cannot create a temporary file: No such file"},
         {"tq keyfile set new.conf A B c && cat new.conf", 0, "", "[A]\nB=c\n"},
@@ -111,7 +113,8 @@ TEST(Cli, EveryOutcomeHasItsExitStatusAndSaysWhy)
          "keyfile: kept.conf: the group name 'bad]group' holds '[' or ']'; nothing written"},
         {"tq keyfile set kept.conf G K \"$(printf 'v\\nForged=1')\"", 4,
          "keyfile: kept.conf: the value holds a line break; nothing written"},
-        {"printf '\\373\\377' | tq base64 --url && tq base64 <abc && printf YWJj | tq base64 -d", 0, "", "%2B%2F8%3D\nYWJj\nabc"},
+        {"printf '\\373\\377' | tq base64 --url && tq base64 <abc && printf YWJj | tq base64 -d", 0, "",
+         "%2B%2F8%3D\nYWJj\nabc"},
         {"printf YWJ | tq base64 -d", 4, "base64: standard input: not Base64 (result 59: its length is not a multiple of 4)"},
         // Only checked where no public key is installed.
         {"tq rsa-check abc AAAA", 3, "rsa-check: /etc/tavro-quenda/public.pem: No such file or directory"},
@@ -145,11 +148,10 @@ TEST(Cli, EveryOutcomeHasItsExitStatusAndSaysWhy)
 TEST(Cli, DigestReadsPipesAsItReadsFiles)
 {
     tqtest::Fixture d;
-    const std::string digest = run_shell("seq 30000 >data && tq digest --sha1 data", d.root()).out.substr(0, 40);
-    ASSERT_EQ(digest.find_first_not_of("0123456789abcdef"), std::string::npos) << digest;
+    const std::string digest = run_shell("seq 30000 >data && tq digest --sha1 data", d.root()).out.substr(0, 40) + "  ";
     for (const char *command : {"cat data | tq digest --sha1 /dev/stdin", "cat data | tq digest --sha1 -",
                                 "mkfifo fifo && { cat data >fifo & } && tq digest --sha1 fifo"})
-        EXPECT_EQ(run_shell(command, d.root()).out.substr(0, 40), digest) << command;
+        EXPECT_EQ(run_shell(command, d.root()).out.substr(0, 42), digest) << command;
 }
 
 TEST(Cli, HelpOfEveryCommandExitsZeroAndAgreesWithTheManualPage)
@@ -190,8 +192,6 @@ TEST(Cli, IdentityTextJsonAndSingleFieldsAgree)
     EXPECT_EQ(std::regex_replace(text.out, std::regex("(^|\n)([a-z0-9_]+): +"), "$1$2: "),
               run_shell(jq + R"jq(-r 'to_entries[] | "\(.key): \(.value | if . == null then "not available"
                   elif . == true then "yes" elif . == false then "no" else . end)"')jq").out);
-    EXPECT_EQ(run_cli("identity -n -o lenovo,kirin_9x0"),
-              run_shell(jq + R"(-r '.lenovo, .kirin_9x0 | if . then "yes" else "no" end')"));
     for (const std::string &line : tqtest::lines_of(text.out)) {
         std::smatch m;
         ASSERT_TRUE(std::regex_match(line, m, std::regex(R"(([a-z0-9_]+):\s+(\S.*))"))) << line;
