@@ -14,6 +14,7 @@
 
 #include <cstdlib>
 #include <functional>
+#include <memory>
 
 #include "bounded_call.h"
 #include "fixture.h"
@@ -25,6 +26,8 @@
 namespace {
 
 using tqtest::take;
+using KeyFile = std::unique_ptr<GKeyFile, decltype(&g_key_file_free)>;
+using Rsa = std::unique_ptr<RSA, decltype(&RSA_free)>;
 
 // What is left at path: its size as lstat() sees it, or "gone".
 std::string left_at(const char *path)
@@ -33,20 +36,6 @@ std::string left_at(const char *path)
     return tq::os::lstat(path, &st) == 0 ? std::to_string(st.st_size) : "gone";
 }
 
-std::string gpg_outcome(int32_t (*verify)(const char *, char **, size_t *), const char *path)
-{
-    char *content = nullptr;
-    size_t len = 77;
-    const int32_t code = verify(path, &content, &len);
-    return std::to_string(code) + "|" + take(content) + "|" + std::to_string(len);
-}
-
-struct Row {
-    const char *name;
-    std::function<std::string(const char *path)> call;
-    const char *fifo, *device, *huge; // its answers; huge null: the huge file is skipped
-};
-
 // The huge file starts with this line, then holds zero bytes up to kHugeFile.
 constexpr char kHugeFirstLine[] = "root=/dev/sda2\n";
 constexpr char kHugeSha256[] = "795ef0ee3c467d168985266c909832585d1625de39a40d325512563fa46e94df";
@@ -54,64 +43,57 @@ const std::string kHugeSize = std::to_string(tqtest::kHugeFile);
 // A log line of 43 bytes appended: "(II) Time: <date> <time>\t\tMessage: m\n".
 const std::string kHugeLogged = std::to_string(tqtest::kHugeFile + 43);
 
+// A call's answer as text.
+template <auto F> std::string text(const char *path) { return take(F(path)); }
+template <auto F> std::string number(const char *path) { return std::to_string(F(path)); }
+template <auto F> std::string matches_huge(const char *path) { return std::to_string(F(path, kHugeSha256)); }
+template <auto F> std::string verified(const char *path) { return std::to_string(F(path, nullptr, nullptr)); }
+
+struct Row {
+    const char *name;
+    std::function<std::string(const char *path)> call;
+    const char *fifo, *device, *huge; // its answers; huge null: the huge file is skipped
+};
+
 const Row kRows[] = {
     {"log_write", [](const char *p) { return log_write(p, "m", "II", 1), left_at(p); }, "0", "9", kHugeLogged.c_str()},
-    // A mode probe that opens nothing.
-    {"file_stat", [](const char *p) { return std::to_string(file_stat(p, 0200)); }, "128", "128", "128"},
-    // A directory by contract: anything else is left alone, and a link is removed as a link.
+    // A mode probe that opens nothing; links are followed.
+    {"file_stat", [](const char *p) { return std::to_string(file_stat(p, 0177)); }, "36", "54", "36"},
+    // A directory by contract: a file is left alone, a link removed as a link.
     {"remove_directory", [](const char *p) { return remove_directory(p), left_at(p); }, "0", "gone", kHugeSize.c_str()},
-    {"command_line_get_root_device_name", [](const char *p) { return take(command_line_get_root_device_name(p)); },
-     "<null>", "<null>", "/dev/sda2"},
-    // A block device by contract: the fakes below would name one.
-    {"harddisk_id", [](const char *p) { return take(harddisk_id(p)); }, "<null>", "<null>", "<null>"},
-    {"harddisk_id_smartctl", [](const char *p) { return take(harddisk_id_smartctl(p)); }, "<null>", "<null>", "<null>"},
-    {"harddisk_id_lvm", [](const char *p) { return take(harddisk_id_lvm(p)); }, "<null>", "<null>", "<null>"},
-    // Its name picks /sys/block/<name>/device/model, linked to the file below.
+    {"command_line_get_root_device_name", text<command_line_get_root_device_name>, "<null>", "<null>", "/dev/sda2"},
+    // A block device by contract: the fakes below would give one an identity.
+    {"harddisk_id", text<harddisk_id>, "<null>", "<null>", "<null>"},
+    {"harddisk_id_smartctl", text<harddisk_id_smartctl>, "<null>", "<null>", "<null>"},
+    {"harddisk_id_lvm", text<harddisk_id_lvm>, "<null>", "<null>", "<null>"},
+    // A disk name: /sys/block/<name>/device/model is linked to the file.
     {"harddisk_id_nvme_new", [](const char *p) { return take(harddisk_id_nvme_new(p + 4)); }, "", "", "root=/d"},
-    // Only lsblk looks at the path.
-    {"is_logical_volume", [](const char *p) { return std::to_string(is_logical_volume(p)); }, "0", "0", "0"},
-    {"get_service_tag_from_sysfs", [](const char *p) { return take(get_service_tag_from_sysfs(p)); }, "<null>",
-     "<null>", "root=/dev/sda2"},
-    {"get_machine_info_from_sysfs", [](const char *p) { return take(get_machine_info_from_sysfs(p)); }, "<null>",
-     "<null>", "root=/dev/sda2"},
+    {"is_logical_volume", number<is_logical_volume>, "0", "0", "0"}, // only lsblk looks at the path
+    {"get_service_tag_from_sysfs", text<get_service_tag_from_sysfs>, "<null>", "<null>", "root=/dev/sda2"},
+    {"get_machine_info_from_sysfs", text<get_machine_info_from_sysfs>, "<null>", "<null>", "root=/dev/sda2"},
     // Digests stream a huge file; the three share one reader, so one of them reads it.
-    {"file_check_sha256", [](const char *p) { return std::to_string(file_check_sha256(p, kHugeSha256)); }, "0", "0", "1"},
-    {"file_check_sha1", [](const char *p) { return std::to_string(file_check_sha1(p, "")); }, "0", "0", nullptr},
-    {"file_check_md5", [](const char *p) { return std::to_string(file_check_md5(p, "")); }, "0", "0", nullptr},
-    {"load_public_key",
-     [](const char *p) {
-         RSA *key = load_public_key(p);
-         RSA_free(key);
-         return key ? "key" : "<null>";
-     },
-     "<null>", "<null>", "<null>"},
-    {"gpg_verify_cmd", [](const char *p) { return gpg_outcome(gpg_verify_cmd, p); }, "1|<null>|77", "1|<null>|77",
-     "1|<null>|77"},
-    {"gpg_verify_cmd_cached", [](const char *p) { return gpg_outcome(gpg_verify_cmd_cached, p); }, "1|<null>|77",
-     "1|<null>|77", "1|<null>|77"},
-    // Streams the file to gpg, which finds no signature in it.
-    {"gpg_verify", [](const char *p) { return gpg_outcome(gpg_verify, p); }, "49|<null>|77", "49|<null>|77",
-     "1|<null>|77"},
+    {"file_check_sha256", matches_huge<file_check_sha256>, "0", "0", "1"},
+    {"file_check_sha1", matches_huge<file_check_sha1>, "0", "0", nullptr},
+    {"file_check_md5", matches_huge<file_check_md5>, "0", "0", nullptr},
+    {"load_public_key", [](const char *p) { return Rsa(load_public_key(p), RSA_free) ? "key" : "-"; }, "-", "-", "-"},
+    {"gpg_verify_cmd", verified<gpg_verify_cmd>, "1", "1", "1"},
+    {"gpg_verify_cmd_cached", verified<gpg_verify_cmd_cached>, "1", "1", "1"},
+    {"gpg_verify", verified<gpg_verify>, "49", "49", "1"}, // streams the file to gpg, which finds no signature
     {"run_verify", [](const char *p) { return std::to_string(run_verify("/tmp", p)); }, "0", "0", "0"},
     {"get_custom_info", [](const char *p) { return take(get_custom_info(p, nullptr)); }, "<null>", "<null>", "<null>"},
     {"key_file_load_from_file",
-     [](const char *p) {
-         GKeyFile *kf = key_file_load_from_file(p);
-         return kf ? (g_key_file_free(kf), "loaded") : "<null>";
-     },
-     "<null>", "<null>", "<null>"},
+     [](const char *p) { return KeyFile(key_file_load_from_file(p), g_key_file_free) ? "loaded" : "-"; }, "-", "-",
+     "-"},
     // Left alone, or, too large to be compared, replaced.
     {"key_file_save_to_file",
      [](const char *p) {
-         GKeyFile *kf = g_key_file_new();
-         key_file_set_value(kf, "a", "b", "c");
-         key_file_save_to_file(kf, p);
-         g_key_file_free(kf);
+         KeyFile kf(g_key_file_new(), g_key_file_free);
+         key_file_set_value(kf.get(), "a", "b", "c");
+         key_file_save_to_file(kf.get(), p);
          return left_at(p);
      },
      "0", "9", "8"},
-    {"read_decrypt_file_to_str", [](const char *p) { return take(read_decrypt_file_to_str(p)); }, "<null>", "<null>",
-     "<null>"},
+    {"read_decrypt_file_to_str", text<read_decrypt_file_to_str>, "<null>", "<null>", "<null>"},
 };
 
 class CallerPaths : public ::testing::TestWithParam<Row> {};
@@ -135,7 +117,9 @@ TEST_P(CallerPaths, AFifoADeviceOrAHugeFileIsAnsweredAtOnceWithinTheMemoryBound)
         fx.symlink(fx.host(std::string("/in/") + kind), std::string("/sys/block/") + kind + "/device/model");
     ASSERT_EQ(take(harddisk_id_lvm("/dev/sda")), "M_S");
 
-    for (const auto &[path, want] : {std::pair{"/in/fifo", row.fifo}, {"/in/zero", row.device}, {"/in/huge", row.huge}}) {
+    const std::pair<const char *, const char *> kinds[] = {{"/in/fifo", row.fifo}, {"/in/zero", row.device},
+                                                           {"/in/huge", row.huge}};
+    for (const auto &[path, want] : kinds) {
         if (!want)
             continue;
         SCOPED_TRACE(path);
