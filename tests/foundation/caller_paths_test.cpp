@@ -46,7 +46,6 @@ const std::string kHugeLogged = std::to_string(tqtest::kHugeFile + 43);
 
 // A call's answer as text.
 template <auto F> std::string text(const char *path) { return take(F(path)); }
-template <auto F> std::string number(const char *path) { return std::to_string(F(path)); }
 template <auto F> std::string matches_huge(const char *path) { return std::to_string(F(path, kHugeSha256)); }
 template <auto F> std::string verified(const char *path) { return std::to_string(F(path, nullptr, nullptr)); }
 
@@ -69,7 +68,8 @@ const Row kRows[] = {
     {"harddisk_id_lvm", text<harddisk_id_lvm>, "<null>", "<null>", "<null>"},
     // A disk name: /sys/block/<name>/device/model is linked to the file.
     {"harddisk_id_nvme_new", [](const char *p) { return take(harddisk_id_nvme_new(p + 4)); }, "", "", "root=/d"},
-    {"is_logical_volume", number<is_logical_volume>, "0", "0", "0"}, // only lsblk looks at the path
+    // Only lsblk looks at the path.
+    {"is_logical_volume", [](const char *p) { return std::to_string(is_logical_volume(p)); }, "0", "0", "0"},
     {"get_service_tag_from_sysfs", text<get_service_tag_from_sysfs>, "<null>", "<null>", "root=/dev/sda2"},
     {"get_machine_info_from_sysfs", text<get_machine_info_from_sysfs>, "<null>", "<null>", "root=/dev/sda2"},
     // Digests stream a huge file; the three share one reader, so one of them reads it.
