@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <functional>
 #include <memory>
+#include <ostream>
 
 #include "bounded_call.h"
 #include "fixture.h"
@@ -99,6 +100,8 @@ const Row kRows[] = {
      "2 0", "2 9", "1 8"},
     {"read_decrypt_file_to_str", text<read_decrypt_file_to_str>, "<null>", "<null>", "<null>"},
 };
+
+void PrintTo(const Row &row, std::ostream *out) { *out << row.name; }
 
 class CallerPaths : public ::testing::TestWithParam<Row> {};
 
