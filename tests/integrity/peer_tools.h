@@ -13,7 +13,6 @@
 #include <string>
 #include <vector>
 
-#include "bounded_call.h"
 #include "fixture.h"
 #include "leak_check.h"
 #include "results.h"
