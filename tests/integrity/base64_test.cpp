@@ -7,19 +7,18 @@ std::string encode(const std::string &bytes)
 {
     std::string out(4 * ((bytes.size() + 2) / 3) + 8, '#');
     uint32_t len = 0;
-    EXPECT_EQ(base64_encode(reinterpret_cast<const unsigned char *>(bytes.data()),
-                            static_cast<uint32_t>(bytes.size()), out.data(), &len),
-              0);
+    const auto *in = reinterpret_cast<const unsigned char *>(bytes.data());
+    EXPECT_EQ(base64_encode(in, static_cast<uint32_t>(bytes.size()), out.data(), &len), 0);
     EXPECT_EQ(out[len], '#') << "wrote past its length";
     return out.substr(0, len);
 }
 
-// The decoded bytes, or the result code as "<N>".
-std::string decode(const std::string &text)
+// The decoded bytes, or the result code as "<N>". The stated length may exceed the text.
+std::string decode(const std::string &text, uint32_t in_len)
 {
-    std::vector<unsigned char> out(text.size() + 1);
+    std::vector<unsigned char> out(in_len + 1);
     uint32_t len = 12345;
-    int rc = base64_decode(text.c_str(), static_cast<uint32_t>(text.size()), out.data(), &len);
+    int rc = base64_decode(tqtest::exact_copy(text).get(), in_len, out.data(), &len);
     return rc == 0 ? std::string(out.begin(), out.begin() + len) : "<" + std::to_string(rc) + ">";
 }
 
@@ -33,34 +32,21 @@ std::string decode_clean(const char *text)
 
 using UrlTransform = int (*)(const char *, int32_t, char *, uint32_t *);
 
-// "code|text|length" of a URL transform into a '#'-filled buffer; on failure
-// the text is what the buffer starts with.
-std::string url(UrlTransform transform, const std::string &in)
+TEST(Base64, AgreesWithTheBase64ToolAndTheLenientDecoderTakesBlanksAndLineEnds)
 {
-    std::string out(3 * in.size() + 1, '#');
-    uint32_t len = 99;
-    int rc = transform(in.c_str(), static_cast<int32_t>(in.size()), out.data(), &len);
-    return std::to_string(rc) + "|" + (rc == 0 ? out.c_str() : out.substr(0, 5)) + "|" + std::to_string(len);
-}
-
-TEST(Base64, AgreesWithRfc4648VectorsAndTheBase64Tool)
-{
-    auto rows = tqtest::read_tsv(tqtest::corpus("vectors/base64.tsv"));
-    ASSERT_EQ(rows.size(), 10u);
-    for (const auto &row : rows) {
-        if (row[0].empty())
-            continue; // the empty input is refused (62)
-        EXPECT_EQ(encode(tqtest::from_hex(row[0])), row[1]);
-        EXPECT_EQ(decode(row[1]), tqtest::from_hex(row[0])) << row[1];
-    }
-
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(decode_clean(" YW\r\nJj YQ== "), "abca");
+    EXPECT_EQ(decode_clean(" \r\n "), "<null>");
+    EXPECT_EQ(decode_clean(nullptr), "<null>");
+    EXPECT_EQ(base64_decode_clean("YWJj", nullptr), nullptr);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Cleaned Base64 (8 chars): YWJjYQ==\n"
+                                                      "Cleaned Base64 (0 chars): \n");
     tqtest::Fixture fx;
-    for (size_t size : {1u, 2u, 3u, 4u, 57u, 58u, 100u, 255u, 4096u, 100001u}) {
-        std::string bytes = tqtest::random_bytes(size, static_cast<unsigned>(size)), ours = encode(bytes);
+    for (size_t size : {1u, 2u, 3u, 57u, 100001u}) {
+        const std::string bytes = tqtest::random_bytes(size, static_cast<unsigned>(size)), ours = encode(bytes);
         fx.write("/in", bytes);
-        fx.write("/ours", ours);
         EXPECT_EQ(ours, tqtest::run("base64 -w0 " + fx.host("/in"))) << size;
-        EXPECT_EQ(tqtest::run("base64 -d " + fx.host("/ours")), bytes) << size;
+        EXPECT_EQ(decode(ours, static_cast<uint32_t>(ours.size())), bytes) << size;
         // The tool's default output is wrapped at 76 columns: the lenient decoder takes it.
         EXPECT_EQ(decode_clean(tqtest::run("base64 " + fx.host("/in")).c_str()), bytes) << size;
     }
@@ -80,55 +66,31 @@ TEST(Base64, EveryResultCodeMeansWhatItSaysAndUrlFormEscapesExactlyThreeCharacte
     };
     for (size_t i = 0; i < std::size(results); ++i)
         EXPECT_EQ(results[i].first, results[i].second) << "case " << i;
-    // Refused texts: 59 length not a multiple of 4, 60 a byte outside the alphabet (base64url's too), 61 a
-    // misplaced '='.
+    // 59 length not a multiple of 4, 60 a byte outside the alphabet (base64url's too), 61 a misplaced '='.
+    // A stated length beyond the text reads nothing past its terminator (ASan watches).
     for (auto [in, want] : {std::pair{"YWJ", "<59>"}, {"YW J", "<60>"}, {"-_-_", "<60>"}, {"Y===", "<61>"},
-                            {"YW=j", "<61>"}, {"YQ==YWJj", "<61>"}})
-        EXPECT_EQ(decode(in), want) << in;
+                            {"YW=j", "<61>"}, {"YWJj", "abc"}})
+        EXPECT_EQ(decode(in, 64), want) << in;
 
     // The URL form escapes exactly three characters.
-    const struct {
-        UrlTransform transform;
-        const char *in, *want;
-    } cases[] = {
-        {transform_to_url, "a+b/c=", "0|a%2Bb%2Fc%3D|12"},
-        {transform_to_url, "a%2B+", "0|a%2B%2B|7"}, // a '%' already present passes
-        {transform_to_url, "a b", "64|#####|0"},      // 64: a byte neither Base64 nor '%'
-        {transform_from_url, "a~", "64|#####|0"},
-        {transform_from_url, "a%2Bb%3D", "0|a+b=|4"},
-        {transform_from_url, "%41", "66|#####|0"}, // 66: an unknown escape
-        {transform_from_url, "a%2bb", "66|a####|0"},
-        {transform_from_url, "abc%", "66|abc##|0"},
-        {transform_from_url, "ab%2Fc%20", "66|ab/c#|0"}, // what came before a bad escape stays, unterminated
+    const std::tuple<UrlTransform, const char *, int32_t, const char *> cases[] = {
+        {transform_to_url, "a+b/c=", 64, "0|a%2Bb%2Fc%3D|12"}, // a stated length beyond the text
+        {transform_to_url, "a%2B+", 5, "0|a%2B%2B|7"},           // a '%' already present passes
+        {transform_to_url, "a b", 3, "64|#####|0"},              // 64: a byte neither Base64 nor '%'
+        {transform_from_url, "a~", 2, "64|#####|0"},
+        {transform_from_url, "a%2Bb%3D", 8, "0|a+b=|4"},
+        {transform_from_url, "%41", 3, "66|#####|0"}, // 66: an unknown escape
+        {transform_from_url, "a%2bb", 5, "66|a####|0"},
+        {transform_from_url, "a%2B", 3, "66|a####|0"}, // an escape cut short by the stated length
+        {transform_from_url, "ab%2Fc%20", 9, "66|ab/c#|0"}, // what came before a bad escape stays, unterminated
     };
-    for (const auto &c : cases)
-        EXPECT_EQ(url(c.transform, c.in), c.want) << c.in;
-}
-
-TEST(Base64, DecodersStayInsideAnOverstatedInputAndTheLenientOneSaysWhatItDecodes)
-{
-    // in_len larger than the text: nothing past the terminator is read (ASan
-    // watches the exact-size heap copies).
-    std::vector<unsigned char> out(64);
-    uint32_t len = 0;
-    EXPECT_EQ(base64_decode(tqtest::exact_copy("YWJj").get(), 64, out.data(), &len), 0);
-    EXPECT_EQ(std::string(out.begin(), out.begin() + len), "abc");
-    std::vector<char> escaped(3 * 64 + 1);
-    EXPECT_EQ(transform_to_url(tqtest::exact_copy("a+").get(), 64, escaped.data(), &len), 0);
-    EXPECT_STREQ(escaped.data(), "a%2B");
-    EXPECT_EQ(len, 4u);
-    // A '%' at the very end cannot borrow bytes beyond the stated length.
-    EXPECT_EQ(transform_from_url("a%2B", 3, escaped.data(), &len), 66);
-
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(decode_clean("YW\r\nJj"), "abc");
-    EXPECT_EQ(decode_clean(" YWJj YQ== "), "abca");
-    EXPECT_EQ(decode_clean(" \r\n "), "<null>");
-    EXPECT_EQ(decode_clean(nullptr), "<null>");
-    EXPECT_EQ(base64_decode_clean("YWJj", nullptr), nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Cleaned Base64 (4 chars): YWJj\n"
-                                                      "Cleaned Base64 (8 chars): YWJjYQ==\n"
-                                                      "Cleaned Base64 (0 chars): \n");
+    for (const auto &[transform, in, in_len, want] : cases) {
+        std::string buf(3 * 64 + 1, '#');
+        len = 99;
+        int rc = transform(tqtest::exact_copy(in).get(), in_len, buf.data(), &len);
+        EXPECT_EQ(std::to_string(rc) + "|" + (rc == 0 ? buf.c_str() : buf.substr(0, 5)) + "|" + std::to_string(len),
+                  want) << in;
+    }
 }
 
 } // namespace

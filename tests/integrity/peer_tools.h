@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // Shared set-up of the integrity tests: the headers every one of them needs, and
-// helpers for checking against real tools, published vectors and hostile files.
+// helpers for checking against real tools and published vectors.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -8,16 +8,11 @@
 
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <functional>
 #include <memory>
 #include <random>
-#include <sstream>
 #include <string>
 #include <vector>
 
-#include "bounded_call.h"
 #include "fixture.h"
 #include "leak_check.h"
 #include "results.h"
@@ -43,14 +38,6 @@ inline std::string run(const std::string &command)
     return out;
 }
 
-inline std::string from_hex(const std::string &hex)
-{
-    std::string out;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2)
-        out += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-    return out;
-}
-
 // Random bytes; printable ones (no NUL) when text is set.
 inline std::string random_bytes(size_t n, unsigned seed, bool text = false)
 {
@@ -59,24 +46,6 @@ inline std::string random_bytes(size_t n, unsigned seed, bool text = false)
     for (char &c : out)
         c = static_cast<char>(text ? '!' + gen() % 90 : gen() & 0xff);
     return out;
-}
-
-// Rows of a tab-separated file, header dropped; a trailing tab ends an empty field.
-inline std::vector<std::vector<std::string>> read_tsv(const std::string &path)
-{
-    std::ifstream in(path);
-    std::vector<std::vector<std::string>> rows;
-    std::string line;
-    std::getline(in, line);
-    while (std::getline(in, line)) {
-        std::vector<std::string> &fields = rows.emplace_back();
-        std::stringstream ss(line);
-        for (std::string field; std::getline(ss, field, '\t');)
-            fields.push_back(field);
-        if (!line.empty() && line.back() == '\t')
-            fields.emplace_back();
-    }
-    return rows;
 }
 
 // A heap copy of exactly the bytes given (a string's NUL included), so that
@@ -88,27 +57,5 @@ template <typename T = char> std::unique_ptr<T[]> exact_copy(const std::string &
     return copy;
 }
 inline std::unique_ptr<char[]> exact_copy(const std::string &text) { return exact_copy(text, text.size() + 1); }
-
-using PathCall = std::function<std::string(const std::string &)>;
-
-// Makes a FIFO, /dev/zero and a huge sparse file as dir/fifo, dir/zero and
-// dir/huge (once), and hands them to call: it must answer `refused` for the
-// first two without waiting, and `huge` for the last (unless that is null)
-// without taking it into memory.
-inline void expect_hostile_files(Fixture &fx, const std::string &dir, const std::string &what, const PathCall &call,
-                                 const std::string &refused, const char *huge)
-{
-    if (!std::filesystem::exists(std::filesystem::symlink_status(fx.host(dir + "/zero")))) {
-        ASSERT_TRUE(make_fifo_and_zero(fx.host(dir + "/fifo"), fx.host(dir + "/zero")) &&
-                    make_sparse(fx.host(dir + "/huge"), kHugeFile));
-    }
-    for (const std::string name : {"/fifo", "/zero", "/huge"}) {
-        if (name == "/huge" && !huge)
-            continue;
-        const BoundedCall got = bounded_call([&] { return call(dir + name); }, name == "/huge" ? 60 : 10);
-        EXPECT_EQ(name == "/huge" ? huge : refused, got.answer) << what << " " << name;
-        EXPECT_TRUE(within_memory_bound(got.grown_kib)) << what << " " << name;
-    }
-}
 
 } // namespace tqtest
