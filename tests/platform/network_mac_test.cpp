@@ -5,10 +5,9 @@
 #include <linux/ethtool.h>
 #include <linux/sockios.h>
 #include <net/if.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <latch>
 #include <mutex>
 #include <set>
@@ -21,15 +20,19 @@
 namespace {
 
 // Targets of /sys/class/net/NAME/device; nullptr: no such entry, "": a regular file.
-const std::string kPci = "../../../devices/pci0000:00/0000:03:00.0", kHost = "../../../devices/pci0000:00/0000:00:14.0";
-const std::string kUsb = kHost + "/usb2/2-1/2-1:1.0", kHubPort = kHost + "/usb2/2-1", kGone = "../../../devices/gone/0";
+constexpr const char *kPci = "../../../devices/pci0000:00/0000:03:00.0", *kGone = "../../../devices/gone/0000:09:00.0";
+constexpr const char *kHost = "../../../devices/pci0000:00/0000:00:14.0";
+constexpr const char *kUsb = "../../../devices/pci0000:00/0000:00:14.0/usb2/2-1/2-1:1.0";
+constexpr const char *kHubPort = "../../../devices/pci0000:00/0000:00:14.0/usb2/2-1";
+// A bond slave's address, smaller than every interface's: the answer when the walk took none.
+constexpr const char *kFloor = "00:00:00:00:00:10", *kFF = "ff:00:00:00:00:00";
 
 // One interface as the fake kernel knows it: current nullptr cannot be read, permanent "" is the current
 // one and nullptr makes ETHTOOL_GPERMADDR fail; after `reads` reads of the current address it is gone.
 struct Iface {
     std::string name;
     const char *current, *permanent = "";
-    const char *device = kPci.c_str();
+    const char *device = kPci;
     int family = AF_PACKET, reads = 1000; // family -1: an entry without an address
 };
 
@@ -40,51 +43,41 @@ int put_mac(const char *text, void *out)
 }
 
 // A fake getifaddrs() list, in the order of the interfaces, and the two ioctls; the kernel sees 15 bytes of a name.
-class FakeNet {
-public:
-    explicit FakeNet(std::vector<Iface> ifaces) : ifaces_(std::move(ifaces)), nodes_(ifaces_.size() + 1)
+struct FakeNet {
+    explicit FakeNet(std::vector<Iface> list) : ifaces(std::move(list)), nodes(ifaces.size())
     {
-        for (size_t i = 0; i < ifaces_.size(); ++i) {
-            nodes_[i].addr.ss_family = static_cast<sa_family_t>(ifaces_[i].family);
-            nodes_[i].ifa.ifa_next = i + 1 < ifaces_.size() ? &nodes_[i + 1].ifa : nullptr;
-            nodes_[i].ifa.ifa_name = ifaces_[i].name.data();
-            nodes_[i].ifa.ifa_addr = ifaces_[i].family >= 0 ? reinterpret_cast<sockaddr *>(&nodes_[i].addr) : nullptr;
+        for (size_t i = 0; i < ifaces.size(); ++i) {
+            nodes[i].second.ss_family = static_cast<sa_family_t>(ifaces[i].family);
+            nodes[i].first.ifa_next = i + 1 < ifaces.size() ? &nodes[i + 1].first : nullptr;
+            nodes[i].first.ifa_name = ifaces[i].name.data();
+            nodes[i].first.ifa_addr = ifaces[i].family >= 0 ? reinterpret_cast<sockaddr *>(&nodes[i].second) : nullptr;
         }
         tq::os::testing::set_getifaddrs([this](ifaddrs **out) {
-            *out = fail || ifaces_.empty() ? nullptr : &nodes_[0].ifa;
-            return fail ? -1 : 0;
+            *out = ifaces.empty() ? nullptr : &nodes[0].first;
+            return 0;
         }, [](ifaddrs *) {});
-        tq::os::testing::set_ioctl([this](int, unsigned long request, void *arg) { return ioctl(request, arg); });
-    }
-    bool fail = false;
-
-private:
-    int ioctl(unsigned long request, void *arg)
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        auto *req = static_cast<ifreq *>(arg);
-        auto it = std::find_if(ifaces_.begin(), ifaces_.end(),
-                               [&](const Iface &i) { return i.name.substr(0, IFNAMSIZ - 1) == req->ifr_name; });
-        errno = ENODEV;
-        if (it == ifaces_.end() || !it->current || (request == SIOCGIFHWADDR && it->reads-- <= 0))
-            return -1;
-        if (request == SIOCGIFHWADDR)
-            return put_mac(it->current, req->ifr_hwaddr.sa_data);
-        auto *perm = reinterpret_cast<ethtool_perm_addr *>(req->ifr_data);
-        errno = EOPNOTSUPP;
-        if (request != SIOCETHTOOL || !it->permanent || perm->cmd != ETHTOOL_GPERMADDR || perm->size < 6)
-            return -1;
-        perm->size = 6;
-        return put_mac(*it->permanent ? it->permanent : it->current, perm->data);
+        tq::os::testing::set_ioctl([this](int, unsigned long request, void *arg) {
+            std::lock_guard<std::mutex> lock(mutex);
+            auto *req = static_cast<ifreq *>(arg);
+            auto it = std::find_if(ifaces.begin(), ifaces.end(),
+                                   [&](const Iface &i) { return i.name.substr(0, IFNAMSIZ - 1) == req->ifr_name; });
+            errno = ENODEV;
+            if (it == ifaces.end() || !it->current || (request == SIOCGIFHWADDR && it->reads-- <= 0))
+                return -1;
+            if (request == SIOCGIFHWADDR)
+                return put_mac(it->current, req->ifr_hwaddr.sa_data);
+            auto *perm = reinterpret_cast<ethtool_perm_addr *>(req->ifr_data);
+            errno = EOPNOTSUPP;
+            if (request != SIOCETHTOOL || !it->permanent || perm->cmd != ETHTOOL_GPERMADDR || perm->size < 6)
+                return -1;
+            perm->size = 6;
+            return put_mac(*it->permanent ? it->permanent : it->current, perm->data);
+        });
     }
 
-    struct Node {
-        ifaddrs ifa;
-        sockaddr_storage addr;
-    };
-    std::mutex mutex_;
-    std::vector<Iface> ifaces_;
-    std::vector<Node> nodes_;
+    std::mutex mutex;
+    std::vector<Iface> ifaces;
+    std::vector<std::pair<ifaddrs, sockaddr_storage>> nodes;
 };
 
 // A PCI network function, a USB bus behind its host controller, and each interface's device entry.
@@ -94,15 +87,13 @@ void attach(tqtest::Fixture &f, const std::vector<Iface> &ifaces, bool usb_bus =
     for (const char *node : {"/usb2", "/usb2/2-1", "/usb2/2-1/2-1:1.0"}) {
         f.mkdir("/sys/devices/pci0000:00/0000:00:14.0" + std::string(node));
         if (usb_bus)
-            f.symlink(kHost + node, "/sys/bus/usb/devices/" + std::filesystem::path(node).filename().string());
+            f.symlink(kHost + std::string(node), "/sys/bus/usb/devices" + std::string(std::strrchr(node, '/')));
     }
     for (const Iface &i : ifaces) {
-        if (!i.device)
-            f.mkdir("/sys/class/net/" + i.name);
-        else if (!*i.device)
-            f.write("/sys/class/net/" + i.name + "/device", "");
-        else
+        if (i.device && *i.device)
             f.symlink(i.device, "/sys/class/net/" + i.name + "/device");
+        else if (i.device)
+            f.write("/sys/class/net/" + i.name + "/device", "");
     }
 }
 
@@ -110,36 +101,32 @@ using NetworkMac = tqtest::LeakCheckedTest;
 
 TEST_F(NetworkMac, WalkTakesWiredNonUsbInterfacesInOrderAndTheLargestPermanentAddressWins)
 {
-    // A bond slave smaller than every interface shows what the walk left out.
-    const std::string floor = "Slave Interface: eth9\nPermanent HW addr: 00:00:00:00:00:10\n", ff = "ff:00:00:00:00:00";
     // No shell sees a name; names cannot hold a slash, so the marker is in the working directory.
-    const std::string marker = "tq-shell-marker-" + std::to_string(::getpid());
-    const std::string quoted = "en'$(touch " + marker + ")'\";touch " + marker + ";`touch " + marker + "`";
-    const struct { std::vector<Iface> ifaces; const char *answer, *trace = nullptr; std::string bond = ""; bool bus = true; }
-        cases[] = {
+    const std::string quoted = "en'$(touch tq-mac-marker)'\";touch tq-mac-marker;`touch tq-mac-marker`";
+    const struct { std::vector<Iface> ifaces; const char *answer, *trace = nullptr; std::string bond = ""; } cases[] = {
         // Each would win if its name were wired, or its entry had an address of these families.
         {{{"lo", "fe:00:00:00:00:01"}, {"wlan0", "fe:00:00:00:00:01"}, {"virbr0", "fe:00:00:00:00:01"},
-          {"Eth9", "fe:00:00:00:00:01"}}, "00:00:00:00:00:10"},
-        {{{"eth7", "ff:ff:ff:ff:ff:f0", "", kPci.c_str(), -1}, {"eth8", "ff:ff:ff:ff:ff:f0", "", kPci.c_str(), AF_UNIX},
-          {"em1", "10:00:00:00:00:00", "", kPci.c_str(), AF_INET}, {"eno2", "20:00:00:00:00:00", "", kPci.c_str(), AF_INET6}},
+          {"Eth9", "fe:00:00:00:00:01"}}, kFloor},
+        {{{"eth7", "ff:ff:ff:ff:ff:f0", "", kPci, -1}, {"eth8", "ff:ff:ff:ff:ff:f0", "", kPci, AF_UNIX},
+          {"em1", "10:00:00:00:00:00", "", kPci, AF_INET}, {"eno2", "20:00:00:00:00:00", "", kPci, AF_INET6}},
          "20:00:00:00:00:00"},
         // Current addresses would give the opposite answer.
         {{{"eth0", "ff:00:00:00:00:00", "aa:00:00:00:00:01"}, {"eth1", "00:00:00:00:00:01", "BB:0C:00:00:00:02"}},
          "bb:0c:00:00:00:02"},
         // ethtool cannot read eth0: the zero address; eth1 vanishes between the reads: its current address.
-        {{{"eth0", "12:34:56:78:9a:bc", nullptr}, {"eth1", "00:00:00:00:00:11", "ff:ff:ff:ff:ff:ff", kPci.c_str(),
-          AF_PACKET, 1}}, "00:00:00:00:00:11"},
-        // A USB adapter, an unreadable interface or one whose attachment is unknown ends the walk.
-        {{{"enx0", "00:11:22:33:44:55", "", kUsb.c_str()}, {"eth0", ff.c_str()}}, "00:00:00:00:00:10"},
-        {{{"eth1", "01:00:00:00:00:00"}, {"enx1", ff.c_str(), "", kUsb.c_str()}}, "01:00:00:00:00:00"},
-        {{{"eth2", nullptr}, {"eth3", ff.c_str()}}, "00:00:00:00:00:10"},
-        {{{"enu0", ff.c_str(), "", kHubPort.c_str()}}, "00:00:00:00:00:10"}, // a hub port is listed on the bus
-        {{{"eth0", ff.c_str(), "", nullptr}}, "00:00:00:00:00:10", "get stat error"},
-        {{{"eth1", ff.c_str(), "", ""}}, "00:00:00:00:00:10", "is not link file"},
-        {{{"eth2", ff.c_str(), "", kGone.c_str()}}, "00:00:00:00:00:10", "get real path error"},
-        {{{"eth4", ff.c_str(), "", kHost.c_str()}}, ff.c_str()}, // the host controller is a PCI function
-        {{{"eth3", ff.c_str()}}, ff.c_str(), nullptr, "", false}, // a machine without a USB bus
-        {{{quoted, ff.c_str()}}, ff.c_str()},
+        {{{"eth0", "12:34:56:78:9a:bc", nullptr}, {"eth1", "00:00:00:00:00:11", kFF, kPci, AF_PACKET, 1}},
+         "00:00:00:00:00:11"},
+        // A USB adapter (a hub port is listed on the bus too), an unreadable interface or one whose attachment
+        // is unknown ends the walk. The host controller is a PCI function.
+        {{{"enx0", "00:11:22:33:44:55", "", kUsb}, {"eth0", kFF}}, kFloor},
+        {{{"eth1", "01:00:00:00:00:00"}, {"enx1", kFF, "", kUsb}}, "01:00:00:00:00:00"},
+        {{{"eth2", nullptr}, {"eth3", kFF}}, kFloor},
+        {{{"enu0", kFF, "", kHubPort}}, kFloor},
+        {{{"eth0", kFF, "", nullptr}}, kFloor, "get stat error"},
+        {{{"eth1", kFF, "", ""}}, kFloor, "is not link file"},
+        {{{"eth2", kFF, "", kGone}}, kFloor, "get real path error"},
+        {{{"eth4", kFF, "", kHost}}, kFF},
+        {{{quoted, kFF}}, kFF},
         // Bonding files: each slave's next permanent address, in lower case; string order ("x" above "f").
         {{}, "52:54:00:f1:97:66", nullptr,
          "Slave Interface: " + std::string(300, 'n') + "\nPermanent HW addr: 01:02:03:04:05:06\nSlave Interface: eth2\n"
@@ -148,36 +135,39 @@ TEST_F(NetworkMac, WalkTakesWiredNonUsbInterfacesInOrderAndTheLargestPermanentAd
          "Slave Interface: eth1\r\nPermanent HW addr: FF:XX:00:00:00:00\r\nSlave Interface: eth9\nMII Status: up\n"},
         {{}, "<null>", nullptr, "Slave Interface: eth9\nMII Status: up\n"},
     };
+    const std::string floor = std::string("Slave Interface: eth9\nPermanent HW addr: ") + kFloor;
     for (const auto &c : cases) {
         SCOPED_TRACE(c.ifaces.empty() ? c.bond : c.ifaces[0].name);
         tqtest::Fixture f;
-        attach(f, c.ifaces, c.bus);
+        attach(f, c.ifaces);
         f.write("/proc/net/bonding/bond0", c.bond.empty() ? floor : c.bond);
         FakeNet net(c.ifaces);
         EXPECT_EQ(tqtest::or_null(tq::max_permanent_mac(tq::list_network_interfaces(true))), c.answer);
         EXPECT_TRUE(!c.trace || tqtest::contains(f.trace_log(), std::string(": ") + c.trace + "\n")) << c.trace;
     }
     EXPECT_EQ(tq::is_interface_on_usb_bus(nullptr), 1);
-    EXPECT_FALSE(std::filesystem::remove(marker));
+    EXPECT_FALSE(std::filesystem::remove("tq-mac-marker"));
 }
 
 TEST_F(NetworkMac, FirstAnswerIsKeptForTheProcessEvenWhenCallsRace)
 {
     tqtest::Fixture f;
-    attach(f, {{"eth0", ""}});
-    FakeNet net({{"eth0", "00:00:00:00:00:01", "52:54:00:12:34:56"}});
-    net.fail = true;
+    attach(f, {{"eth0", ""}}, false); // a machine without a USB bus
+    FakeNet none({});
     EXPECT_EQ(tqtest::take(network_interface_get_max_mac()), "<null>");
-    net.fail = false;
+    FakeNet net({{"eth0", "00:00:00:00:00:01", "52:54:00:12:34:56"}});
     // Under the sanitizers, a lost or doubly stored copy shows.
     std::vector<std::string> answers(8);
-    {
-        std::latch go(1);
-        std::vector<std::jthread> threads;
-        for (std::string &answer : answers)
-            threads.emplace_back([&] { go.wait(), answer = tqtest::take(tavro_quenda_get_network_interface_max_mac()); });
-        go.count_down();
+    std::latch go(1);
+    std::vector<std::jthread> threads;
+    for (std::string &answer : answers) {
+        threads.emplace_back([&] {
+            go.wait();
+            answer = tqtest::take(tavro_quenda_get_network_interface_max_mac());
+        });
     }
+    go.count_down();
+    threads.clear(); // joins
     EXPECT_EQ(answers, std::vector<std::string>(8, "52:54:00:12:34:56")) << "a null answer is not kept";
 
     // The machine changes; the answer does not, and nothing is read.
@@ -191,10 +181,9 @@ TEST(NetworkMacRealMachine, AnswerIsAnAddressOfAPciInterface)
     if (tqtest::emulated_build())
         GTEST_SKIP() << "qemu-user does not pass SIOCETHTOOL on";
     std::set<std::string> addresses;
-    std::error_code ec;
-    for (const auto &entry : std::filesystem::directory_iterator("/sys/class/net", ec)) {
+    for (const auto &entry : std::filesystem::directory_iterator("/sys/class/net")) {
         const std::string name = entry.path().filename();
-        const std::string device = std::filesystem::weakly_canonical(entry.path() / "device", ec);
+        const std::string device = std::filesystem::weakly_canonical(entry.path() / "device");
         if (!tq::is_wired_interface_name(name.c_str()))
             continue;
         // The walk may end at such an interface, whatever follows it.
