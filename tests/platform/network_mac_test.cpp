@@ -161,9 +161,9 @@ TEST_F(NetworkMac, FirstAnswerIsKeptForTheProcessEvenWhenCallsRace)
     std::latch go(1);
     std::vector<std::jthread> threads;
     for (std::string &answer : answers) {
-        threads.emplace_back([&] {
+        threads.emplace_back([&go, out = &answer] {
             go.wait();
-            answer = tqtest::take(tavro_quenda_get_network_interface_max_mac());
+            *out = tqtest::take(tavro_quenda_get_network_interface_max_mac());
         });
     }
     go.count_down();

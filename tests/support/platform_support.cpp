@@ -14,7 +14,7 @@ void fake_dmidecode(Fixture &fixture, const std::string &report, bool without_s)
     // "-s system-uuid" prints the first "UUID: value" of the record, whatever the field's case.
     const std::string s =
         without_s ? "exit 2" : "sed -n \"s/^[[:blank:]]*${2#system-}: \\{0,1\\}//Ip\" '" + type1 + "' | head -n 1";
-    fixture.script("/usr/sbin/dmidecode", "case $1 in\n-t) cat '" + type1 + "' ;;\n-s) " + s + " ;;\nesac");
+    fixture.script("/usr/sbin/dmidecode", "case \"$1 $2\" in\n'-t 1') cat '" + type1 + "' ;;\n-s*) " + s + " ;;\nesac");
 }
 
 } // namespace tqtest
