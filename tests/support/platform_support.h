@@ -18,13 +18,10 @@
 
 namespace tqtest {
 
-// What "dmidecode -t 1" prints for a recorded report (old and new dmidecode
-// layouts, tab or blank indents): the header lines and the type 1 record.
-std::string dmidecode_type1(const std::string &report);
-
-// Installs /usr/sbin/dmidecode replaying corpus("dmidecode/" + report) for
-// "-t 1", "-s system-manufacturer" and "-s system-uuid"; without_s pretends
-// to be a dmidecode without -s. Calls are logged as for every fake.
+// Installs /usr/sbin/dmidecode replaying corpus("dmidecode/" + report): "-t 1"
+// prints the header and the type 1 record, "-s system-manufacturer" and
+// "-s system-uuid" that record's field; without_s pretends to be a dmidecode
+// without -s. Calls are logged as for every fake.
 void fake_dmidecode(Fixture &fixture, const std::string &report, bool without_s = false);
 
 // A test that must leave no descriptor or child behind.
