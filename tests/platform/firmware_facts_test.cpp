@@ -40,6 +40,8 @@ TEST_F(FirmwareFacts, SysfsAnswersFirstAndAnEmptyLineIsAnAnswer)
         EXPECT_EQ(tqtest::take_optional(reader("/etc/fact")), "line one");
     for (auto *reader : {get_machine_info_from_dmidecode, get_service_tag_from_dmidecode})
         EXPECT_EQ(tqtest::take_optional(reader("printf 'line one\\r\\n'; echo two")), "line one");
+    ::chmod(f.host("/usr/sbin/dmidecode").c_str(), 0644); // no command runs while dmidecode cannot
+    EXPECT_EQ(tqtest::take_optional(get_service_tag_from_dmidecode("echo one")), std::nullopt);
 }
 
 // Hand-checked: what the pipelines print for recorded machines when sysfs has no DMI attributes. Programs on a
