@@ -64,6 +64,9 @@ TEST(Lsblk, FindsTheTopLevelDeviceByBaseName)
                                                       {"sdb", "<null>"}, {"sdc", "<null>"}, {"sd", "<null>"}};
     for (const auto &[name, want] : cases)
         EXPECT_EQ(or_null(tq::lsblk_identity_from_json(json, name)), want) << name;
+    tqtest::Fixture fx; // its trace log says why text that is not JSON names nothing
+    EXPECT_EQ(or_null(tq::lsblk_identity_from_json("{", "sda")), "<null>");
+    EXPECT_TRUE(tqtest::contains(fx.trace_log(), "Failed to parse JSON"));
 }
 
 TEST(Smartctl, ParsesReportLines)
