@@ -192,7 +192,10 @@ def build_tree(verbose=False):
     return done.returncode == 0
 
 def tmp_leftovers():
-    return set(glob.glob("/tmp/gpgdir-*") + glob.glob("/tmp/pubkey_*"))
+    # What a mutant that crashes a test leaves: the library's GnuPG homes and
+    # key files, the tests' fixture trees and GoogleTest's captured output.
+    return set(p for pattern in ("gpgdir-*", "pubkey_*", "tq-fixture-*", "gtest_captured_stream.*")
+               for p in glob.glob("/tmp/" + pattern))
 
 def suite():
     """Names of failing tests ([] when all pass), or ['(time limit)']."""
@@ -212,8 +215,8 @@ def suite():
     return [l.split(":", 1)[1].strip() for l in open(log) if ":" in l]
 
 def clean_tmp(before, min_age=60):
-    # A mutant may leak temporary GnuPG homes and their agents. Remove those
-    # idle for a minute: younger ones may belong to a test still running
+    # A mutant may leak temporary files and GnuPG agents. Remove those idle
+    # for min_age seconds: younger ones may belong to a test still running
     # elsewhere on this machine.
     for path in tmp_leftovers() - before:
         try:
@@ -269,6 +272,8 @@ for kind in KINDS:
                              " ".join(killers)]) + "\n")
         tsv.flush()
 build_tree()
+time.sleep(5)
+clean_tmp(before_tmp, min_age=0) # the last mutants' leftovers too
 killed = rows.count("killed")
 summary = f"killed {killed} of {len(rows)} ({100.0 * killed / max(len(rows), 1):.1f}%), seed {seed}, {time.time() - t0:.0f} s"
 tsv.close()
