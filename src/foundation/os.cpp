@@ -626,10 +626,13 @@ void sweep(long long until) noexcept
 
 // The supervisor: a child of the library (never of the caller's SIGCHLD
 // handling) that starts the helper, waits for it until the deadline, ends its
-// group and everything it adopted, and reports through report_fd.
-[[noreturn]] void supervise(const RunRequest &req, long long deadline, int null_fd, int out_fd,
+// group and everything it adopted, and reports through report_fd. It drops its
+// copy of the output's read end (out_read_fd), so that the library closing its
+// own ends a helper that goes on writing instead of leaving it blocked.
+[[noreturn]] void supervise(const RunRequest &req, long long deadline, int null_fd, int out_fd, int out_read_fd,
                             int report_fd) noexcept
 {
+    ::close(out_read_fd);
     // Signals stay blocked here (the caller's handlers must not run in this
     // copy); SIGCHLD must not be ignored, or the helper's status would be lost.
     struct sigaction dfl;
@@ -729,7 +732,7 @@ RunResult run(const RunRequest &req, const char **failed_step) noexcept
     if (supervisor < 0 && errno == EINVAL)
         supervisor = clone_process(SIGCHLD); // emulators refuse a silent child
     if (supervisor == 0)
-        supervise(req, deadline, null_fd.get(), out_w.get(), report_w.get());
+        supervise(req, deadline, null_fd.get(), out_w.get(), out_r.get(), report_w.get());
     int clone_errno = errno;
     ::pthread_sigmask(SIG_SETMASK, &saved, nullptr);
     if (supervisor < 0) {

@@ -156,6 +156,20 @@ TEST(Gateway, OneCallsHelpersShareOneDeadlineAndTakeWhatTheyStartedWithThem)
     EXPECT_TRUE(leaks.clean());
 }
 
+// A helper's output comes back whole however many reads it takes; one that
+// goes on writing is cut at the cap and ended there.
+TEST(Gateway, HelperOutputIsWholeUpToItsCap)
+{
+    tqtest::Fixture fx;
+    tqtest::LeakCheck leaks;
+    const char *argv[] = {"/usr/sbin/dmidecode", nullptr};
+    fx.script(argv[0], "head -c 300000 /dev/zero");
+    EXPECT_EQ(tq::os::spawn(argv).out.size(), 300000u);
+    fx.script(argv[0], "exec cat /dev/zero");
+    EXPECT_EQ(tq::os::spawn(argv).out.size(), tq::os::kHelperOutputMax);
+    EXPECT_TRUE(leaks.clean());
+}
+
 // A caller's path may name a FIFO without a writer, a device that never ends
 // or a huge file: each is refused or read only up to its bound, at once.
 TEST(Gateway, CallerNamedFilesMustBeRegularAndAreReadOnlyUpToTheirBound)
